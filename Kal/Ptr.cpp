@@ -1,0 +1,7 @@
+#include "Kal/Ptr.h"
+
+namespace Kal {
+
+void throwNullValidPtr() { throwRangeException("null ValidPtr"); }
+
+} // namespace Kal
