@@ -52,6 +52,7 @@ void PtrInterface::hasNotificationActiveIs(bool active) { flagIs(notificationAct
 void PtrInterface::isNondestructingIs(bool nondestructing) {
     if (isStatic() || isNondestructing() == nondestructing) return;
     flagIs(nondestructingBit, nondestructing);
+    kalNotifyIsNondestructing();
     if (!nondestructing && (word_.load(std::memory_order_acquire) & zeroTestMask) == 0) {
         handleZeroRef();
     }

@@ -38,6 +38,9 @@ class PtrInterface {
     static constexpr U32 staticWord = 0x1F000000u;
 
     struct StaticTag {};
+    // Observers of a counted object; defined in Kal/Notifiee.h.
+    class NotifieeConst;
+    class Notifiee;
 
     PtrInterface() noexcept : word_(0) {}
     // A static object: its word stays 0x1F000000 for ever.
@@ -91,8 +94,10 @@ class PtrInterface {
     }
 
   protected:
-    // Hook for classes with notifiees: called by handleZeroRef before destruction.
+    // Hooks for classes with notifiees: the zero-references handling calls the first before
+    // destruction; isNondestructingIs calls the second after a change of the flag.
     virtual void kalNotifyZeroReferences() const {}
+    virtual void kalNotifyIsNondestructing() {}
 
     bool flag(U32 bit) const noexcept { return word_.load(std::memory_order_relaxed) & bit; }
     // Sets or clears one flag bit of the count word; a static object's word never changes.
