@@ -255,8 +255,7 @@ String8 traceSetting() { return detail::TraceRegistry::instance().setting(); }
 
 std::string traceLine(TraceRecord const& record) {
     std::string line;
-    line.reserve(record.facility.size() + record.source.size() + record.function.size() +
-                 record.text.size() + 24);
+    line.reserve(record.facility.size() + record.source.size() + record.text.size() + 24);
     line += record.facility;
     line += '/';
     line += std::to_string(record.level);
@@ -265,7 +264,6 @@ std::string traceLine(TraceRecord const& record) {
     line += ':';
     line += std::to_string(record.line);
     line += ' ';
-    appendEscaped(line, record.function);
     appendEscaped(line, record.text);
     return line;
 }
@@ -320,14 +318,6 @@ void CaptureTraceSink::write(TraceRecord const& record) {
 std::vector<CaptureTraceSink::Record> CaptureTraceSink::records() const {
     std::lock_guard lock(mutex_);
     return records_;
-}
-
-std::vector<String8> CaptureTraceSink::messages() const {
-    std::lock_guard lock(mutex_);
-    std::vector<String8> result;
-    result.reserve(records_.size());
-    for (auto const& r : records_) result.push_back(r.message());
-    return result;
 }
 
 std::vector<String8> CaptureTraceSink::texts() const {

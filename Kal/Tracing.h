@@ -5,11 +5,14 @@
 //
 //   KAL_TRACE_HANDLE("RidgeRoutingSm", "RoutingSm");
 //   ...
-//   KAL_TRACE(0, " for vrf " << vrfName() << " vrs is " << hw->vrfRoutingSupported());
+//   KAL_TRACE(0, "void Ridge::RoutingSm::handleRouting()" << " for vrf " << vrfName());
 //
-// The record's message is the enclosing function's full signature followed directly by the
-// composed text ("void Ridge::RoutingSm::handleRouting() for vrf blue vrs is 0"): the
-// statement never repeats the signature itself. Numbers print in decimal (U8 and signed char
+// The record's message is the composed text alone. The enclosing function's signature
+// travels beside it as location (record.function, from __PRETTY_FUNCTION__), but a message
+// that must begin with the signature spells it out itself, as the model declares it:
+// compiler signatures differ between g++ and clang and resolve typedefs (U64 becomes
+// "long long unsigned int", Status::Ptr becomes Kal::Ptr<...>), while the published texts
+// must not change with the compiler. Numbers print in decimal (U8 and signed char
 // too: they are numbers here, not characters) unless the statement switches the stream to
 // hex, which by the house convention it announces with a "0x" in front; booleans print "0"/"1".
 //
@@ -127,14 +130,14 @@ struct TraceRecord {
     int level;
     std::string_view source; // the file's source name, as "RoutingSm"
     int line;
-    std::string_view function; // the full signature of the emitting function
-    std::string_view text;     // the composed text; the message is function + text
+    std::string_view function; // the emitting function as the compiler names it (location)
+    std::string_view text;     // the composed text: the message
 };
 
 // The line form used by the default sink and the coverage stream, without a newline:
-//   "<facility>/<level> <source>:<line> <function><text>"
+//   "<facility>/<level> <source>:<line> <text>"
 // as "RidgeRoutingSm/0 RoutingSm:42 void Ridge::RoutingSm::handleRouting() for vrf blue".
-// A newline or carriage return inside the function or text is written as "\n" or "\r" (and a
+// A newline or carriage return inside the text is written as "\n" or "\r" (and a
 // backslash as "\\"), so every record is exactly one line.
 std::string traceLine(TraceRecord const& record);
 
@@ -175,15 +178,12 @@ class CaptureTraceSink : public TraceSink {
         String8 source;
         int line;
         String8 function;
-        String8 text;
-        // function + text: the message as a reader sees it.
-        String8 message() const { return function + text.stringValue(); }
+        String8 text; // the message
     };
 
     void write(TraceRecord const& record) override;
 
     std::vector<Record> records() const;
-    std::vector<String8> messages() const;
     std::vector<String8> texts() const;
     std::size_t recordCount() const;
     void recordDelAll();
@@ -198,7 +198,7 @@ class CaptureTraceSink : public TraceSink {
 //
 //   Kal::TraceCapture capture("RidgeRoutingSm/0");
 //   sm->handleRouting();
-//   EXPECT_EQ(capture.messages(), (std::vector<Kal::String8>{"void ... not init!!"}));
+//   EXPECT_EQ(capture.texts(), (std::vector<Kal::String8>{"void ... not init!!"}));
 class TraceCapture {
   public:
     TraceCapture();
@@ -209,7 +209,6 @@ class TraceCapture {
 
     CaptureTraceSink& sink() const noexcept { return *sink_; }
     std::vector<CaptureTraceSink::Record> records() const { return sink_->records(); }
-    std::vector<String8> messages() const { return sink_->messages(); }
     std::vector<String8> texts() const { return sink_->texts(); }
 
   private:

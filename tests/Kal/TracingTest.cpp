@@ -19,19 +19,19 @@
 
 KAL_TRACE_HANDLE("KalTracingTest", "TracingTest");
 
-// Trace statements with a known enclosing signature (a named namespace prints the same under
-// g++ and clang). Each returns the line of its statement.
+// Trace statements that begin their texts with their own signature, as the model code does.
+// Each returns the line of its statement.
 namespace TracingProbe {
 
 int emit(int value) {
     int const line = __LINE__ + 1;
-    KAL_TRACE(2, " value " << value << " done");
+    KAL_TRACE(2, "int TracingProbe::emit(int)" << " value " << value << " done");
     return line;
 }
 
 int emitAt(int level, int value) {
     int const line = __LINE__ + 1;
-    KAL_TRACE(level, " at " << level << " value " << value);
+    KAL_TRACE(level, "int TracingProbe::emitAt(int, int)" << " at " << level << " value " << value);
     return line;
 }
 
@@ -239,19 +239,18 @@ TEST_F(TracingTest, CaptureSinkReceivesExactRecords) {
     EXPECT_EQ(records[0].source, String8("TracingTest"));
     EXPECT_EQ(records[0].line, line1);
     EXPECT_EQ(records[0].function, String8("int TracingProbe::emit(int)"));
-    EXPECT_EQ(records[0].text, String8(" value 7 done"));
-    EXPECT_EQ(records[0].message(), String8("int TracingProbe::emit(int) value 7 done"));
+    EXPECT_EQ(records[0].text, String8("int TracingProbe::emit(int) value 7 done"));
 
     EXPECT_EQ(records[1].level, 5);
     EXPECT_EQ(records[1].line, line2);
     EXPECT_EQ(records[1].function, String8("int TracingProbe::emitAt(int, int)"));
-    EXPECT_EQ(capture.messages(), (Strings{"int TracingProbe::emit(int) value 7 done",
-                                           "int TracingProbe::emitAt(int, int) at 5 value 9"}));
+    EXPECT_EQ(capture.texts(), (Strings{"int TracingProbe::emit(int) value 7 done",
+                                        "int TracingProbe::emitAt(int, int) at 5 value 9"}));
 
     capture.sink().recordDelAll();
     EXPECT_EQ(capture.sink().recordCount(), 0u);
     TracingProbe::emit(3);
-    EXPECT_EQ(capture.texts(), (Strings{" value 3 done"}));
+    EXPECT_EQ(capture.texts(), (Strings{"int TracingProbe::emit(int) value 3 done"}));
 }
 
 TEST_F(TracingTest, TextsPrintNumbersInDecimalAndBooleansAsDigits) {
@@ -277,21 +276,19 @@ TEST_F(TracingTest, CoverageStreamGetsTextsComposedWhileTheHandleIsOff) {
 
     EXPECT_EQ(Kal::coverageStreamIs(&coverage), nullptr);
     int const offLine = __LINE__ + 1;
-    KAL_TRACE_TO(h, "Cover", 0, " off " << operand());
+    KAL_TRACE_TO(h, "Cover", 0, "off " << operand());
     EXPECT_EQ(evaluations, 1);
     EXPECT_TRUE(capture.records().empty()) << "composed only for coverage, so not for the sink";
 
     int const onLine = __LINE__ + 1;
-    KAL_TRACE_TO(h, "Cover", 1, " on " << operand());
-    EXPECT_EQ(capture.texts(), (Strings{" on 2"}));
+    KAL_TRACE_TO(h, "Cover", 1, "on " << operand());
+    EXPECT_EQ(capture.texts(), (Strings{"on 2"}));
 
-    std::string const fn = __PRETTY_FUNCTION__;
-    EXPECT_EQ(coverage.str(), "KalTrCover/0 Cover:" + std::to_string(offLine) + " " + fn +
-                                  " off 1\n" + "KalTrCover/1 Cover:" + std::to_string(onLine) +
-                                  " " + fn + " on 2\n");
+    EXPECT_EQ(coverage.str(), "KalTrCover/0 Cover:" + std::to_string(offLine) + " off 1\n" +
+                                  "KalTrCover/1 Cover:" + std::to_string(onLine) + " on 2\n");
 
     EXPECT_EQ(Kal::coverageStreamIs(nullptr), &coverage);
-    KAL_TRACE_TO(h, "Cover", 0, " off " << operand());
+    KAL_TRACE_TO(h, "Cover", 0, "off " << operand());
     EXPECT_EQ(evaluations, 2);
     EXPECT_EQ(capture.records().size(), 1u);
 }
@@ -361,15 +358,14 @@ TEST_F(TracingTest, StatementIssuedFromInsideTheSinkIsDropped) {
 // ---- Line form and the default sink ------------------------------------------------------
 
 TEST_F(TracingTest, TraceLineGivesFacilityLevelSourceLineAndMessage) {
-    Kal::TraceRecord const record{
-        "RidgeRoutingSm",          0, "RoutingSm", 42, "void Ridge::RoutingSm::handleRouting()",
-        " for vrf blue not init!!"};
+    Kal::TraceRecord const record{"RidgeRoutingSm", 0, "RoutingSm", 42, "handleRouting",
+                                  "void Ridge::RoutingSm::handleRouting() for vrf blue not init!!"};
     EXPECT_EQ(Kal::traceLine(record), "RidgeRoutingSm/0 RoutingSm:42 void "
                                       "Ridge::RoutingSm::handleRouting() for vrf blue not init!!");
 
     // Line breaks inside the message cannot split the record over several lines.
-    Kal::TraceRecord const multiLine{"F", 9, "S", 1, "void f()", " a\nb\\n\rc"};
-    EXPECT_EQ(Kal::traceLine(multiLine), "F/9 S:1 void f() a\\nb\\\\n\\rc");
+    Kal::TraceRecord const multiLine{"F", 9, "S", 1, "void f()", "a\nb\\n\rc"};
+    EXPECT_EQ(Kal::traceLine(multiLine), "F/9 S:1 a\\nb\\\\n\\rc");
 }
 
 // Runs `body` with fd 2 redirected into a pipe and returns what was written to it.
@@ -438,9 +434,10 @@ TEST_F(TracingTest, ConcurrentStatementsProduceWholeRecordsInEachThreadsOrder) {
     std::vector<int> next(threadCount, 0);
     for (auto const& text : texts) {
         int value = -1;
-        ASSERT_EQ(std::sscanf(text.charPtr(), " at 3 value %d", &value), 1) << text;
+        ASSERT_EQ(std::sscanf(text.charPtr(), "int TracingProbe::emitAt(int, int) at 3 value %d", &value), 1) << text;
         ASSERT_TRUE(value >= 0 && value / 1000 < threadCount) << text;
-        EXPECT_EQ(text, String8(" at 3 value " + std::to_string(value)));
+        EXPECT_EQ(text, String8("int TracingProbe::emitAt(int, int) at 3 value " +
+                               std::to_string(value)));
         EXPECT_EQ(value % 1000, next[value / 1000]++) << "out of its thread's order: " << text;
     }
 
