@@ -35,10 +35,10 @@
 // position. While the item stays filed at that position, advancing follows its next link;
 // once it has left the queue (or been filed again elsewhere) hasBookmark() is true, and the
 // next advance continues with the first item whose position is greater than the bookmarked
-// one. So deleting the item under an iterator, or the items after it, is safe; items
-// inserted behind the iterator are visited when their position is greater than its own (or
-// equal, when they are filed after the item the iterator stands on). An iterator must not
-// outlive its queue.
+// one. So deleting the item under an iterator, or the items after it, is safe. An item
+// filed during a walk is visited when it lands after the iterator's place in the chain:
+// above the bookmarked position, or at it while the item stood on is still filed (an
+// insertion goes after the items at its position). An iterator must not outlive its queue.
 #pragma once
 
 #include "Kal/Assert.h"

@@ -39,7 +39,8 @@
 // changed map it continues with the first member whose key is strictly greater than the
 // current member's key, found afresh. So deleting the member under an iterator (or any
 // other) is safe, and a member inserted during a walk is visited exactly when its key is
-// greater than the iterator's. An iterator must not outlive its map.
+// greater than the iterator's. An iterator must not outlive its map. (The version is 32
+// bits: an iterator left unmoved across exactly a multiple of 2^32 changes would miss them.)
 //
 // Copying. The map holds counted pointers to entities, so a copy is a new tree of nodes
 // filing the same member objects (each member gains one reference per map). Two maps are

@@ -185,7 +185,7 @@ TEST_F(RbTreeMapTest, MemberDelReturnsTheRemovedMemberOrNull) {
 TEST_F(RbTreeMapTest, DeleteAllReleasesEveryMemberOfALargeTree) {
     // Ascending insertion is the worst case for an unbalanced tree: verify() checks that the
     // colour rules, and so the height bound, still hold at this size.
-    constexpr U64 n = 200000;
+    constexpr U64 n = 100000;
     Map m;
     for (U64 k = 0; k < n; ++k) m.memberIs(new Entry(k));
     EXPECT_EQ(m.members(), n);
