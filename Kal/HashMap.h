@@ -1,0 +1,454 @@
+// Kal::HashMap<Member, Key>: the unordered keyed collection of the model types, with a
+// stable iteration order. Kal::HashMapVTable<Member, Key> adapts a member class to the
+// shared engine Kal::HashMapRaw.
+//
+// Design
+// ------
+// Members are intrusive counted objects that carry their own key and the link to the next
+// member of their chain; the map owns one reference to each. All the code that walks or
+// rewires chains (insert, delete, resize, findNext, copy, equality, verify) lives once, in
+// HashMapRaw (HashMap.cpp), and reaches the members through a table of operations
+// (HashMapOps) that HashMapVTable fills per instantiation. The typed HashMap<Member, Key> is
+// a thin layer over it; only the lookup and the iterator's plain step are inlined, because
+// they are the hot paths and cost no more code than a call.
+//
+//   HashMapRaw
+//     ops_          -> HashMapOps of the instantiation (typed thunks, one static table)
+//     buckets_      -> bucketCount_ chain heads; a non-null head holds the map's reference to
+//                      the first member (the others are held by their predecessor's link).
+//                      A map with one bucket keeps it in inlineBucket_: no allocation.
+//     inlineBucket_    the head of the single bucket while bucketCount_ == 1
+//     version_      U32, +1 per insertion and per deletion; iterators compare it
+//     count_        U32, members
+//     bucketCount_  U32, 2^k, k >= 0
+//     shift_        31 - k; bucket of h is (h >> shift_) >> 1, the top k bits of h
+//                   (0 when k == 0, without shifting a U32 by 32)
+//     minBuckets_   the bucket count the map was made with; it never shrinks below it
+//
+//   buckets_[0] -> A -> B -> null        Member: PtrInterface | kal_index_ | value | fwkHmNext_
+//   buckets_[1] -> null
+//   buckets_[2] -> C -> null
+//   buckets_[3] -> D -> E -> null
+//
+// Position. Every member has the position (h, key) with h = bitReverse(kalKeyHash(key)),
+// "the hash" everywhere below. Its bucket is the top k bits of h. Invariants (verify()):
+//   - bucketCount_ is a power of two and matches shift_;
+//   - each member sits in the bucket named by the top bits of its hash;
+//   - each chain is sorted by ascending (h, key), members with equal keys in insertion
+//     order, and ends with a null link;
+//   - count_ is the number of members in the chains;
+//   - count_ <= capacity(bucketCount_), and a map above its initial bucket count keeps at
+//     least a quarter of the load it allows (HashMap.cpp gives the numbers and why).
+// A bucket holds exactly the members whose hashes share its top bits, so buckets in index
+// order, each chain in order, visit every member in one global order: ascending (h, key).
+//
+// Why resizing never re-sorts. Doubling the bucket count splits bucket b into the buckets
+// 2b and 2b+1, told apart by the next bit of h. In a chain sorted by h the members with
+// that bit clear all come before those with it set, so the split is a cut of the chain into
+// consecutive runs: no member moves relative to another, and no link is rewritten except
+// at the cut. Halving joins buckets 2b and 2b+1 by linking the end of the first chain to the
+// start of the second, which is again in order. The global order does not change.
+//
+// Iterators. An iterator holds the map, a counted pointer to the member it stands on, that
+// member's bucket index (-1 at the end) and the map's version when it last moved. While the
+// version is unchanged a step follows fwkHmNext, or goes to the head of the next non-empty
+// bucket. After any change it looks the successor up by position (findNext): the first
+// member sorting strictly after the current one's (h, key). The counted pointer keeps the
+// current member alive even if it was deleted, so deleting the member under an iterator is
+// safe and the walk continues with the next one; members inserted during a walk are seen
+// if and only if they sort after the iterator. (A walk that had to look its successor up
+// steps over later members with the same key: keys are meant to be unique, equal keys are
+// only tolerated.)
+//
+// Member classes
+// --------------
+// A member class (generated, e.g. Ridge::Status::KalAdjacency) must:
+//   - derive from Kal::PtrInterface (single, non-virtual inheritance);
+//   - hold, in this order, `kal_index_` (the key), the value field, and
+//     `Kal::Ptr<Member> fwkHmNext_`, and let Kal::HashMapVTable reach fwkHmNext_ (it moves
+//     links without counting when it rewires chains);
+//   - provide `Key const& fwkKey() const`, `Member* fwkHmNext() const`,
+//     `void fwkHmNextIs(Member*)` and `bool fwkValueEquals(Member const&) const` (value
+//     equality, used by operator== of maps);
+//   - be copy-constructible, the copy being a new member with the same key and value and a
+//     null fwkHmNext_ (map copies clone members this way).
+// For example:
+//
+//   class KalAdjacency : public Kal::PtrInterface {
+//     public:
+//       KalAdjacency(U64 index, Kal::Ptr<Adjacency> adj)
+//           : kal_index_(index), adjacency_(std::move(adj)) {}
+//       KalAdjacency(KalAdjacency const& o)
+//           : Kal::PtrInterface(o), kal_index_(o.kal_index_), adjacency_(o.adjacency_) {}
+//       U64 const& fwkKey() const { return kal_index_; }
+//       KalAdjacency* fwkHmNext() const { return fwkHmNext_.ptr(); }
+//       void fwkHmNextIs(KalAdjacency* n) { fwkHmNext_ = n; }
+//       bool fwkValueEquals(KalAdjacency const& o) const { return adjacency_ == o.adjacency_; }
+//     private:
+//       template <class, class> friend struct Kal::HashMapVTable;
+//       U64 kal_index_;
+//       Kal::Ptr<Adjacency> adjacency_;
+//       Kal::Ptr<KalAdjacency> fwkHmNext_;
+//   };
+//
+//   Kal::HashMap<KalAdjacency, U64> adjacency(1);
+//   adjacency.newMember(new KalAdjacency(7, adj));
+//   for (auto i = adjacency.iterator(); i; ++i) use(i.key(), i->adjacency());
+//
+// Keys. kalKeyHash(key) and kalKeyLessThan(a, b) give a key's 32-bit hash and its order;
+// equality is operator==. For U64 the hash is (high word XOR low word) and the order the
+// plain unsigned one (high word first, then low word). Any other key type defaults to
+// `key.hash()` and `operator<`; a key type may instead provide its own kalKeyHash /
+// kalKeyLessThan overloads in its namespace (found by argument-dependent lookup).
+//
+// Threads: none. A map belongs to the thread of its owner; only the members' counts are
+// atomic, which is what lets an iterator or another holder keep a member alive.
+#pragma once
+
+#include "Kal/Assert.h"
+#include "Kal/Ptr.h"
+#include "Kal/PtrInterface.h"
+#include "Kal/String.h"
+#include "Kal/Types.h"
+
+#include <iterator>
+#include <type_traits>
+#include <utility>
+
+namespace Kal {
+
+// Bit i of x becomes bit 31 - i.
+#if defined(__has_builtin)
+#if __has_builtin(__builtin_bitreverse32)
+#define KAL_HAVE_BITREVERSE32 1
+#endif
+#endif
+constexpr U32 bitReverse(U32 x) noexcept {
+#ifdef KAL_HAVE_BITREVERSE32
+    return __builtin_bitreverse32(x);
+#else
+    x = ((x >> 1) & 0x55555555u) | ((x & 0x55555555u) << 1);
+    x = ((x >> 2) & 0x33333333u) | ((x & 0x33333333u) << 2);
+    x = ((x >> 4) & 0x0F0F0F0Fu) | ((x & 0x0F0F0F0Fu) << 4);
+    return __builtin_bswap32(x);
+#endif
+}
+
+inline U32 kalKeyHash(U64 key) noexcept { return U32(key >> 32) ^ U32(key); }
+inline bool kalKeyLessThan(U64 a, U64 b) noexcept { return a < b; }
+
+template <class Key>
+U32 kalKeyHash(Key const& key) {
+    return key.hash();
+}
+template <class Key>
+bool kalKeyLessThan(Key const& a, Key const& b) {
+    return a < b;
+}
+
+// The operations the shared engine needs from a member class, type-erased. Members are
+// passed as their PtrInterface base, keys as a pointer to the Key. Filled by HashMapVTable.
+struct HashMapOps {
+    // The member's hash: bitReverse(kalKeyHash(key)).
+    U32 (*hash)(PtrInterface const* m);
+    // key == m's key; key < m's key.
+    bool (*keyEquals)(void const* key, PtrInterface const* m);
+    bool (*keyLessThan)(void const* key, PtrInterface const* m);
+    void const* (*key)(PtrInterface const* m);
+    PtrInterface* (*next)(PtrInterface const* m);
+    // Counted assignment of m's link.
+    void (*setNext)(PtrInterface* m, PtrInterface* next);
+    // Gives m's link, with its reference, to the caller; m's link becomes null.
+    PtrInterface* (*takeNext)(PtrInterface* m);
+    // Links t (whose link is null) after pred and counts t once; nothing else is counted.
+    void (*linkAfter)(PtrInterface* pred, PtrInterface* t);
+    // Unlinks pred's successor and returns it with the reference pred's link held.
+    PtrInterface* (*unlinkAfter)(PtrInterface* pred);
+    // A new member with m's key and value and a null link, not yet counted.
+    PtrInterface* (*clone)(PtrInterface const* m);
+    // Value equality of two members (keys are compared separately).
+    bool (*valueEquals)(PtrInterface const* a, PtrInterface const* b);
+};
+
+// The typed operations of one instantiation, and their type-erased table `ops`.
+template <class Member, class Key>
+struct HashMapVTable {
+    static_assert(std::is_base_of_v<PtrInterface, Member>, "a member is a counted object");
+    static_assert(sizeof(Ptr<Member>) == sizeof(Member*));
+
+    static U32 hash(Member const& m) { return bitReverse(kalKeyHash(m.fwkKey())); }
+    static bool keyEquals(Key const& key, Member const& m) { return key == m.fwkKey(); }
+    static bool keyLessThan(Key const& key, Member const& m) {
+        return kalKeyLessThan(key, m.fwkKey());
+    }
+    static void setNext(Member& m, Member* next) { m.fwkHmNextIs(next); }
+    static Member* next(Member const& m) { return m.fwkHmNext(); }
+    static Member* takeNext(Member& m) { return m.fwkHmNext_.release(); }
+    static void linkAfter(Member& pred, Member& t) {
+        t.fwkHmNext_ = std::move(pred.fwkHmNext_);
+        pred.fwkHmNext_ = &t;
+    }
+    static Member* unlinkAfter(Member& pred) {
+        Member* t = pred.fwkHmNext_.release();
+        pred.fwkHmNext_ = std::move(t->fwkHmNext_);
+        return t;
+    }
+    static Member* clone(Member const& m) {
+        Member* c = new Member(m);
+        KAL_DASSERT(c->fwkHmNext() == nullptr);
+        return c;
+    }
+    static bool valueEquals(Member const& a, Member const& b) { return a.fwkValueEquals(b); }
+
+    static Member* down(PtrInterface* p) noexcept { return static_cast<Member*>(p); }
+    static Member const* down(PtrInterface const* p) noexcept {
+        return static_cast<Member const*>(p);
+    }
+    static Key const& keyOf(void const* k) noexcept { return *static_cast<Key const*>(k); }
+
+    static constexpr HashMapOps ops = {
+        +[](PtrInterface const* m) -> U32 { return hash(*down(m)); },
+        +[](void const* k, PtrInterface const* m) -> bool { return keyEquals(keyOf(k), *down(m)); },
+        +[](void const* k, PtrInterface const* m) -> bool {
+            return keyLessThan(keyOf(k), *down(m));
+        },
+        +[](PtrInterface const* m) -> void const* { return &down(m)->fwkKey(); },
+        +[](PtrInterface const* m) -> PtrInterface* { return next(*down(m)); },
+        +[](PtrInterface* m, PtrInterface* n) { setNext(*down(m), down(n)); },
+        +[](PtrInterface* m) -> PtrInterface* { return takeNext(*down(m)); },
+        +[](PtrInterface* pred, PtrInterface* t) { linkAfter(*down(pred), *down(t)); },
+        +[](PtrInterface* pred) -> PtrInterface* { return unlinkAfter(*down(pred)); },
+        +[](PtrInterface const* m) -> PtrInterface* { return clone(*down(m)); },
+        +[](PtrInterface const* a, PtrInterface const* b) -> bool {
+            return valueEquals(*down(a), *down(b));
+        },
+    };
+};
+
+// The engine shared by every HashMap instantiation. Positions and hashes are as described
+// at the top of this file; `h` is always a member's or key's hash (already bit-reversed).
+class HashMapRaw {
+  public:
+    // initialSize: the starting bucket count, rounded up to a power of two (0 counts as 1).
+    HashMapRaw(HashMapOps const& ops, U32 initialSize);
+    // A copy of every member (clones), in the same bucket structure.
+    HashMapRaw(HashMapRaw const& other);
+    HashMapRaw& operator=(HashMapRaw const& other);
+    ~HashMapRaw();
+
+    U32 version() const noexcept { return version_; }
+    U32 members() const noexcept { return count_; }
+    U32 buckets() const noexcept { return bucketCount_; }
+    U32 bucketOf(U32 h) const noexcept { return (h >> shift_) >> 1; }
+    PtrInterface* head(U32 bucket) const noexcept { return buckets_[bucket]; }
+
+    // The head of the first non-empty bucket at or after `bucket`, its index in `found`;
+    // null and -1 when there is none.
+    PtrInterface* firstFrom(U32 bucket, S32& found) const noexcept {
+        for (; bucket < bucketCount_; ++bucket) {
+            if (PtrInterface* m = buckets_[bucket]) {
+                found = S32(bucket);
+                return m;
+            }
+        }
+        found = -1;
+        return nullptr;
+    }
+
+    // Links t (link null, hash h) after every member at or before its position, counts it,
+    // and grows the bucket array when the load calls for it.
+    void newMember(PtrInterface* t, U32 h);
+    // Unlinks t and releases the map's reference; false (and nothing changes) when t is not
+    // a member. May shrink the bucket array.
+    bool deleteMember(PtrInterface* t);
+    // Releases every member, one at a time and without recursion, and returns to the
+    // initial bucket count.
+    void deleteAll() noexcept;
+
+    // The first member at or after (h, key); `bucket` receives its bucket (-1 if none).
+    PtrInterface* startAt(U32 h, void const* key, S32& bucket) const;
+    // The first member sorting strictly after m's position; m need not be a member any
+    // more (an iterator's deleted member). `bucket` receives its bucket (-1 if none).
+    PtrInterface* findNext(PtrInterface const* m, S32& bucket) const;
+
+    // Same size and every member of this one has a member of equal key and value in other.
+    bool equals(HashMapRaw const& other) const;
+
+    // Empty when every invariant holds, else a text naming the first one broken.
+    String8 verify() const;
+
+  private:
+    U64 capacity(U32 bucketCount) const noexcept;
+    U32 fit(U32 members) const noexcept;
+    void maybeGrow() noexcept;
+    void maybeShrink() noexcept;
+    void resize(U32 bucketCount) noexcept;
+    PtrInterface* seek(U32 h, void const* key, bool orEqual, S32& bucket) const;
+    void releaseChains() noexcept;
+    void swap(HashMapRaw& other) noexcept;
+
+    HashMapOps const* ops_;
+    PtrInterface** buckets_;
+    PtrInterface* inlineBucket_ = nullptr;
+    U32 version_ = 0;
+    U32 count_ = 0;
+    U32 bucketCount_ = 1;
+    U32 shift_ = 31;
+    U32 minBuckets_ = 1;
+};
+
+template <class Member, class Key>
+class HashMap {
+    template <bool isConst>
+    class IteratorBase;
+
+  public:
+    using VTable = HashMapVTable<Member, Key>;
+    using Iterator = IteratorBase<false>;
+    using IteratorConst = IteratorBase<true>;
+
+    // initialSize: the starting bucket count (rounded up to a power of two); the map never
+    // shrinks below it. The model code passes 1: small maps need no bucket array at all.
+    explicit HashMap(U32 initialSize = 1) : raw_(VTable::ops, initialSize) {}
+
+    // The hash that places a key: bitReverse(kalKeyHash(key)).
+    static U32 hashOf(Key const& key) { return bitReverse(kalKeyHash(key)); }
+
+    U32 members() const noexcept { return raw_.members(); }
+    U32 buckets() const noexcept { return raw_.buckets(); }
+    U32 version() const noexcept { return raw_.version(); }
+
+    // The member with the key (the first inserted, should there be several), or null.
+    Member* operator[](Key const& key) noexcept { return find(key); }
+    Member const* operator[](Key const& key) const noexcept { return find(key); }
+
+    // Inserts t, which must not be linked to anything, after every member at or before
+    // its position; `hash` is hashOf(t's key). The map takes a reference to t.
+    void newMember(Member* t, U32 hash) {
+        KAL_ASSERT(t->fwkHmNext() == 0);
+        KAL_DASSERT(hash == hashOf(t->fwkKey()));
+        raw_.newMember(t, hash);
+    }
+    void newMember(Member* t) { newMember(t, hashOf(t->fwkKey())); }
+    void newMember(Ptr<Member> const& t, U32 hash) { newMember(t.ptr(), hash); }
+    void newMember(Ptr<Member> const& t) { newMember(t.ptr()); }
+
+    // Removes t if it is a member (returns whether it was). t's link is null afterwards.
+    bool deleteMember(Ptr<Member> const& t) { return raw_.deleteMember(t.ptr()); }
+    bool deleteMember(Member* t) { return raw_.deleteMember(t); }
+    void deleteAll() noexcept { raw_.deleteAll(); }
+
+    // The member with the key if present, else the first member after the key's position
+    // in the map's order; null after the last.
+    Member* startAtHash(Key const& key) noexcept {
+        S32 bucket;
+        return down(raw_.startAt(hashOf(key), &key, bucket));
+    }
+    Member const* startAtHash(Key const& key) const noexcept {
+        S32 bucket;
+        return down(raw_.startAt(hashOf(key), &key, bucket));
+    }
+    // The first member sorting strictly after m (which need not be a member); bucketIndex
+    // receives that member's bucket, -1 when there is none.
+    Member* findNext(Member const* m, S32& bucketIndex) noexcept {
+        return down(raw_.findNext(m, bucketIndex));
+    }
+    Member const* findNext(Member const* m, S32& bucketIndex) const noexcept {
+        return down(raw_.findNext(m, bucketIndex));
+    }
+
+    // Same size, and every member of one has a member with equal key and value in the other.
+    bool operator==(HashMap const& other) const { return raw_.equals(other.raw_); }
+
+    String8 verify() const { return raw_.verify(); }
+
+    Iterator iterator() { return Iterator(*this); }
+    IteratorConst iterator() const { return IteratorConst(*this); }
+    IteratorConst iteratorConst() const { return IteratorConst(*this); }
+    // Range-for support: for (Member& m : map).
+    Iterator begin() { return Iterator(*this); }
+    IteratorConst begin() const { return IteratorConst(*this); }
+    std::default_sentinel_t end() const noexcept { return {}; }
+
+  private:
+    static Member* down(PtrInterface* p) noexcept { return static_cast<Member*>(p); }
+    static Member const* down(PtrInterface const* p) noexcept {
+        return static_cast<Member const*>(p);
+    }
+
+    // The lookup walk of the chain, inlined: members before the key's position are passed,
+    // the first one with the key is the answer, and the first one after the position ends
+    // the search.
+    Member* find(Key const& key) const noexcept {
+        U32 const h = hashOf(key);
+        for (Member* m = down(raw_.head(raw_.bucketOf(h))); m; m = m->fwkHmNext()) {
+            if (key == m->fwkKey()) return m;
+            U32 const mh = VTable::hash(*m);
+            if (mh > h || (mh == h && kalKeyLessThan(key, m->fwkKey()))) return nullptr;
+        }
+        return nullptr;
+    }
+
+    HashMapRaw raw_;
+};
+
+template <class Member, class Key>
+template <bool isConst>
+class HashMap<Member, Key>::IteratorBase {
+  public:
+    using MapType = std::conditional_t<isConst, HashMap const, HashMap>;
+    using MemberType = std::conditional_t<isConst, Member const, Member>;
+
+    // Stands on the first member of the map (at the end when the map is empty).
+    explicit IteratorBase(MapType& map) : map_(&map) { reset(); }
+    // Stands on the member with the key if present, else on the first one after it.
+    IteratorBase(MapType& map, Key const& key) : map_(&map), version_(map.version()) {
+        cur_ = down(map.raw_.startAt(hashOf(key), &key, bucket_));
+    }
+    template <bool c = isConst, class = std::enable_if_t<c>>
+    IteratorBase(IteratorBase<false> const& o)
+        : map_(o.map_), cur_(o.cur_), bucket_(o.bucket_), version_(o.version_) {}
+
+    void reset() {
+        version_ = map_->version();
+        cur_ = down(map_->raw_.firstFrom(0, bucket_));
+    }
+
+    Key const& key() const { return cur_->fwkKey(); }
+    MemberType* ptr() const noexcept { return cur_.ptr(); }
+    MemberType* operator->() const noexcept { return cur_.ptr(); }
+    MemberType& operator*() const noexcept { return *cur_; }
+    // The bucket of the current member when the iterator last moved; -1 at the end.
+    S32 bucketIndex() const noexcept { return bucket_; }
+
+    explicit operator bool() const noexcept { return bool(cur_); }
+    bool isEnd() const noexcept { return !cur_; }
+    friend bool operator==(IteratorBase const& i, std::default_sentinel_t) noexcept {
+        return !i.cur_;
+    }
+
+    IteratorBase& operator++() {
+        if (!cur_) return *this;
+        U32 const version = map_->version();
+        if (version == version_) {
+            MemberType* next = cur_->fwkHmNext();
+            if (!next) next = down(map_->raw_.firstFrom(U32(bucket_) + 1, bucket_));
+            cur_ = next;
+        } else {
+            cur_ = down(map_->raw_.findNext(cur_.ptr(), bucket_));
+            version_ = version;
+        }
+        return *this;
+    }
+
+  private:
+    template <bool>
+    friend class IteratorBase;
+
+    MapType* map_;
+    Ptr<MemberType> cur_;
+    S32 bucket_ = -1;
+    U32 version_ = 0;
+};
+
+} // namespace Kal

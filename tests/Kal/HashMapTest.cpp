@@ -1,0 +1,713 @@
+#include "Kal/HashMap.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+// Live member objects of every test member class, and how many were made by copying. A
+// test ends with no live members; only map copies may copy members.
+int liveMembers = 0;
+int memberCopies = 0;
+
+// A member class of the shape the model code generates: key, value, chain link.
+template <class Key>
+class KalEntry : public Kal::PtrInterface {
+  public:
+    KalEntry(Key key, U64 value) : kal_index_(std::move(key)), value_(value) { ++liveMembers; }
+    KalEntry(KalEntry const& o)
+        : Kal::PtrInterface(o), kal_index_(o.kal_index_), value_(o.value_) {
+        ++liveMembers;
+        ++memberCopies;
+    }
+    KalEntry& operator=(KalEntry const&) = delete;
+    ~KalEntry() override {
+        if (alive_ != aliveMark) ADD_FAILURE() << "member destroyed twice";
+        alive_ = 0;
+        --liveMembers;
+    }
+
+    Key const& fwkKey() const { return kal_index_; }
+    U64 value() const { return value_; }
+    void valueIs(U64 v) { value_ = v; }
+    KalEntry* fwkHmNext() const { return fwkHmNext_.ptr(); }
+    void fwkHmNextIs(KalEntry* n) { fwkHmNext_ = n; }
+    bool fwkValueEquals(KalEntry const& o) const { return value_ == o.value_; }
+
+  private:
+    template <class, class>
+    friend struct Kal::HashMapVTable;
+    static constexpr U32 aliveMark = 0xA11CE;
+
+    Key kal_index_;
+    U64 value_;
+    Kal::Ptr<KalEntry> fwkHmNext_;
+    U32 alive_ = aliveMark;
+};
+
+// Every key has the same hash: all members share one chain, ordered by key alone.
+struct CollidingKey {
+    U32 id;
+    U32 hash() const { return 0x9E3779B9u; }
+    friend bool operator==(CollidingKey, CollidingKey) = default;
+    friend bool operator<(CollidingKey a, CollidingKey b) { return a.id < b.id; }
+};
+
+using Entry = KalEntry<U64>;
+using Map = Kal::HashMap<Entry, U64>;
+using CollidingEntry = KalEntry<CollidingKey>;
+using CollidingMap = Kal::HashMap<CollidingEntry, CollidingKey>;
+
+// The map order, derived from the rules rather than from the map: ascending (reversed hash,
+// key).
+bool sortsBefore(U64 a, U64 b) {
+    U32 const ha = Kal::bitReverse(Kal::kalKeyHash(a));
+    U32 const hb = Kal::bitReverse(Kal::kalKeyHash(b));
+    return ha != hb ? ha < hb : a < b;
+}
+
+std::vector<U64> inMapOrder(std::vector<U64> keys) {
+    std::sort(keys.begin(), keys.end(), sortsBefore);
+    return keys;
+}
+
+template <class M>
+auto keysOf(M const& map) {
+    std::vector<std::decay_t<decltype(map.begin()->fwkKey())>> keys;
+    for (auto i = map.iterator(); i; ++i) keys.push_back(i.key());
+    return keys;
+}
+
+Kal::Ptr<Entry> insert(Map& map, U64 key, U64 value = 0) {
+    Kal::Ptr<Entry> e = new Entry(key, value);
+    map.newMember(e);
+    return e;
+}
+
+std::vector<U64> randomKeys(std::mt19937_64& rng, size_t n) {
+    std::set<U64> seen;
+    std::vector<U64> keys;
+    while (keys.size() < n) {
+        U64 const k = rng();
+        if (seen.insert(k).second) keys.push_back(k);
+    }
+    return keys;
+}
+
+U32 bucketCountLog2(U32 buckets) {
+    U32 k = 0;
+    while ((1u << k) < buckets) ++k;
+    return k;
+}
+
+class HashMapTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        liveMembers = 0;
+        memberCopies = 0;
+    }
+    void TearDown() override {
+        EXPECT_EQ(liveMembers, 0) << "members leaked or destroyed twice";
+    }
+};
+
+TEST(HashMapHashTest, BitReverseMovesBitIToBit31MinusI) {
+    auto slow = [](U32 x) {
+        U32 r = 0;
+        for (int i = 0; i < 32; ++i) {
+            if (x & (1u << i)) r |= 1u << (31 - i);
+        }
+        return r;
+    };
+    for (int i = 0; i < 32; ++i) EXPECT_EQ(Kal::bitReverse(1u << i), 1u << (31 - i)) << i;
+    std::mt19937 rng(7);
+    for (int i = 0; i < 10000; ++i) {
+        U32 const x = rng();
+        ASSERT_EQ(Kal::bitReverse(x), slow(x)) << std::hex << x;
+    }
+    static_assert(Kal::bitReverse(0x00000001u) == 0x80000000u);
+}
+
+TEST(HashMapHashTest, U64KeyHashIsHighXorLowAndOrderIsHighWordFirst) {
+    EXPECT_EQ(Kal::kalKeyHash(0x1'00000000ull), 1u);
+    EXPECT_EQ(Kal::kalKeyHash(0x1ull), 1u);
+    EXPECT_EQ(Kal::kalKeyHash(0x12345678'9ABCDEF0ull), 0x12345678u ^ 0x9ABCDEF0u);
+    EXPECT_EQ(Map::hashOf(0x2'00000003ull), Kal::bitReverse(1));
+    EXPECT_TRUE(Kal::kalKeyLessThan(0x0'FFFFFFFFull, 0x1'00000000ull));
+    EXPECT_FALSE(Kal::kalKeyLessThan(0x1'00000000ull, 0x0'FFFFFFFFull));
+    EXPECT_FALSE(Kal::kalKeyLessThan(0x5ull, 0x5ull));
+}
+
+TEST_F(HashMapTest, EmptyMapIteratesNothingAndFindsNothing) {
+    Map map;
+    EXPECT_EQ(map.members(), 0u);
+    EXPECT_EQ(map.buckets(), 1u);
+    auto i = map.iterator();
+    EXPECT_TRUE(i.isEnd());
+    EXPECT_EQ(i.bucketIndex(), -1);
+    ++i;
+    EXPECT_TRUE(i.isEnd());
+    EXPECT_EQ(map.startAtHash(42), nullptr);
+    EXPECT_EQ(map[42], nullptr);
+    int visited = 0;
+    for ([[maybe_unused]] Entry& e : map) ++visited;
+    EXPECT_EQ(visited, 0);
+    map.deleteAll();
+    EXPECT_EQ(map.verify(), "");
+
+    // Emptied again after use, and with a bucket array of its own.
+    Map big(64);
+    EXPECT_EQ(big.buckets(), 64u);
+    insert(big, 1);
+    insert(big, 2);
+    big.deleteAll();
+    EXPECT_TRUE(big.iterator().isEnd());
+    EXPECT_EQ(big.startAtHash(1), nullptr);
+    EXPECT_EQ(big.buckets(), 64u);
+    EXPECT_EQ(big.verify(), "");
+}
+
+TEST_F(HashMapTest, OneBucketHoldsEveryMemberInOneChainInHashThenKeyOrder) {
+    // A small map stays in its single bucket. Reversed hashes: 2 -> 0x40000000,
+    // 1 and 0x1_00000000 -> 0x80000000 (equal, so by key), 3 -> 0xC0000000.
+    Map map;
+    for (U64 k : {3ull, 0x1'00000000ull, 2ull, 1ull}) insert(map, k, k);
+    ASSERT_EQ(map.buckets(), 1u);
+    std::vector<U64> chain;
+    for (Entry* m = map.startAtHash(0); m; m = m->fwkHmNext()) chain.push_back(m->fwkKey());
+    std::vector<U64> const expected = {2, 1, 0x1'00000000ull, 3};
+    EXPECT_EQ(chain, expected);
+    EXPECT_EQ(keysOf(map), expected);
+    for (auto i = map.iterator(); i; ++i) EXPECT_EQ(i.bucketIndex(), 0);
+    EXPECT_EQ(map.verify(), "");
+}
+
+TEST_F(HashMapTest, MembersLandInTheBucketOfTheTopBitsOfTheirHash) {
+    std::mt19937_64 rng(11);
+    Map map;
+    auto const keys = randomKeys(rng, 300);
+    for (U64 k : keys) insert(map, k);
+    U32 const k = bucketCountLog2(map.buckets());
+    ASSERT_GT(k, 0u);
+    for (auto i = map.iterator(); i; ++i) {
+        EXPECT_EQ(U32(i.bucketIndex()), Map::hashOf(i.key()) >> (32 - k));
+    }
+    EXPECT_EQ(keysOf(map), inMapOrder(keys));
+}
+
+TEST_F(HashMapTest, OrderIsTheSameBeforeAndAfterGrowthAndShrink) {
+    std::mt19937_64 rng(3);
+    auto const keys = randomKeys(rng, 500);
+    auto const extra = randomKeys(rng, 5000);
+    auto const expected = inMapOrder(keys);
+
+    Map map;
+    for (U64 k : keys) insert(map, k);
+    U32 const grownFrom = map.buckets();
+    EXPECT_EQ(keysOf(map), expected);
+
+    // Grow well past the key set, then delete the extra keys again: the map shrinks back.
+    for (U64 k : extra) insert(map, k);
+    U32 const grownTo = map.buckets();
+    EXPECT_GT(grownTo, grownFrom);
+    for (U64 k : extra) {
+        if (std::find(keys.begin(), keys.end(), k) == keys.end()) map.deleteMember(map[k]);
+    }
+    EXPECT_LT(map.buckets(), grownTo);
+    EXPECT_EQ(keysOf(map), expected);
+    EXPECT_EQ(map.verify(), "");
+
+    // Same keys, inserted backwards into a map that starts with far more buckets.
+    Map wide(1 << 14);
+    for (auto it = keys.rbegin(); it != keys.rend(); ++it) insert(wide, *it);
+    EXPECT_NE(wide.buckets(), map.buckets());
+    EXPECT_EQ(keysOf(wide), expected);
+}
+
+TEST_F(HashMapTest, CollidingU64KeysAreBothFoundAndOrderedHighWordFirst) {
+    // All four keys have high XOR low == 1.
+    std::vector<U64> const keys = {0x3'00000002ull, 0x1ull, 0x2'00000003ull, 0x1'00000000ull};
+    for (U32 initial : {1u, 1024u}) {
+        Map map(initial);
+        for (U64 k : keys) insert(map, k, k + 1);
+        for (U64 k : keys) {
+            ASSERT_NE(map[k], nullptr) << std::hex << k;
+            EXPECT_EQ(map[k]->value(), k + 1);
+        }
+        std::vector<U64> const expected = {0x1ull, 0x1'00000000ull, 0x2'00000003ull,
+                                           0x3'00000002ull};
+        EXPECT_EQ(keysOf(map), expected);
+        EXPECT_EQ(map[0x1'00000001ull], nullptr);
+        map.deleteMember(map[0x1'00000000ull]);
+        EXPECT_EQ(map[0x1'00000000ull], nullptr);
+        EXPECT_NE(map[0x1ull], nullptr);
+        EXPECT_NE(map[0x2'00000003ull], nullptr);
+        EXPECT_EQ(map.verify(), "");
+    }
+}
+
+TEST_F(HashMapTest, StartAtHashAndFindNextFollowTheGlobalOrder) {
+    std::mt19937_64 rng(5);
+    auto keys = randomKeys(rng, 400);
+    Map map;
+    for (U64 k : keys) insert(map, k);
+    auto const order = inMapOrder(keys);
+
+    // Present keys start at themselves; absent ones at the next member in order, possibly
+    // in a later bucket; after the last member there is nothing.
+    auto probes = randomKeys(rng, 400);
+    probes.insert(probes.end(), keys.begin(), keys.begin() + 100);
+    probes.push_back(order.back());
+    for (U64 p : probes) {
+        auto const at = std::lower_bound(order.begin(), order.end(), p, sortsBefore);
+        Entry* m = map.startAtHash(p);
+        if (at == order.end()) {
+            EXPECT_EQ(m, nullptr);
+        } else {
+            ASSERT_NE(m, nullptr);
+            EXPECT_EQ(m->fwkKey(), *at);
+        }
+    }
+    U32 const k = bucketCountLog2(map.buckets());
+    for (size_t i = 0; i < order.size(); ++i) {
+        S32 bucket = 99;
+        Entry* next = map.findNext(map[order[i]], bucket);
+        if (i + 1 == order.size()) {
+            EXPECT_EQ(next, nullptr);
+            EXPECT_EQ(bucket, -1);
+        } else {
+            ASSERT_NE(next, nullptr);
+            EXPECT_EQ(next->fwkKey(), order[i + 1]);
+            EXPECT_EQ(U32(bucket), Map::hashOf(order[i + 1]) >> (32 - k));
+        }
+    }
+}
+
+TEST_F(HashMapTest, DeletingTheMemberUnderAnIteratorContinuesWithTheNext) {
+    std::mt19937_64 rng(9);
+    auto const keys = randomKeys(rng, 64);
+    auto const order = inMapOrder(keys);
+    Map map;
+    for (U64 k : keys) insert(map, k);
+
+    auto i = map.iterator();
+    for (int n = 0; n < 10; ++n) ++i;
+    Entry* doomed = i.ptr();
+    map.deleteMember(doomed);
+    // The iterator keeps the deleted member alive, unlinked.
+    EXPECT_EQ(liveMembers, 64);
+    EXPECT_EQ(doomed->fwkHmNext(), nullptr);
+    EXPECT_EQ(map[order[10]], nullptr);
+    ++i;
+    EXPECT_EQ(liveMembers, 63);
+    ASSERT_FALSE(i.isEnd());
+    EXPECT_EQ(i.key(), order[11]);
+
+    // Deleting every member as the walk reaches it, across shrinks, visits the rest in order.
+    std::vector<U64> visited = {order[0]};
+    for (auto j = map.iterator(); j; ++j) {
+        if (j.key() == order[0]) continue;
+        visited.push_back(j.key());
+        map.deleteMember(j.ptr());
+        EXPECT_EQ(map.verify(), "");
+    }
+    std::vector<U64> expected = order;
+    expected.erase(expected.begin() + 10);
+    EXPECT_EQ(visited, expected);
+    EXPECT_EQ(map.members(), 1u);
+}
+
+TEST_F(HashMapTest, DeletingTheNextMemberDuringAWalkSkipsIt) {
+    std::mt19937_64 rng(10);
+    auto const keys = randomKeys(rng, 40);
+    auto const order = inMapOrder(keys);
+    Map map;
+    for (U64 k : keys) insert(map, k);
+    std::vector<U64> visited;
+    size_t pos = 0;
+    for (auto i = map.iterator(); i; ++i, ++pos) {
+        visited.push_back(i.key());
+        // Every third member deletes the one after it.
+        if (pos % 3 == 0 && pos + 1 < order.size()) {
+            map.deleteMember(map[order[pos + 1]]);
+            ++pos;
+        }
+    }
+    std::vector<U64> expected;
+    for (size_t p = 0; p < order.size(); ++p) {
+        if (p % 3 != 1) expected.push_back(order[p]);
+    }
+    EXPECT_EQ(visited, expected);
+}
+
+TEST_F(HashMapTest, MembersInsertedDuringAWalkAreVisitedIffTheySortAfterIt) {
+    std::mt19937_64 rng(12);
+    auto const keys = randomKeys(rng, 200);
+    auto const added = randomKeys(rng, 300);
+    Map map;
+    for (U64 k : keys) insert(map, k);
+
+    std::vector<U64> visited;
+    std::set<U64> expectVisited(keys.begin(), keys.end());
+    size_t next = 0;
+    for (auto i = map.iterator(); i; ++i) {
+        visited.push_back(i.key());
+        // Three insertions per step for a while: the map grows under the iterator.
+        for (int n = 0; n < 3 && next < added.size(); ++n, ++next) {
+            U64 const k = added[next];
+            insert(map, k);
+            if (sortsBefore(i.key(), k)) expectVisited.insert(k);
+        }
+    }
+    EXPECT_EQ(std::set<U64>(visited.begin(), visited.end()), expectVisited);
+    EXPECT_EQ(visited.size(), expectVisited.size()) << "a member was visited twice";
+    EXPECT_TRUE(std::is_sorted(visited.begin(), visited.end(), sortsBefore));
+    EXPECT_EQ(map.verify(), "");
+}
+
+TEST_F(HashMapTest, AllCollidingHashKeepsOneChainOrderedByKey) {
+    std::mt19937 rng(4);
+    std::vector<U32> ids(1200);
+    for (U32 i = 0; i < ids.size(); ++i) ids[i] = i * 2;
+    std::shuffle(ids.begin(), ids.end(), rng);
+    CollidingMap map;
+    for (U32 id : ids) map.newMember(new CollidingEntry({id}, id));
+    EXPECT_GT(map.buckets(), 1u);
+    EXPECT_EQ(map.verify(), "");
+
+    U32 expectedId = 0;
+    S32 bucket = -2;
+    for (auto i = map.iterator(); i; ++i, expectedId += 2) {
+        ASSERT_EQ(i.key().id, expectedId);
+        if (bucket == -2) bucket = i.bucketIndex();
+        EXPECT_EQ(i.bucketIndex(), bucket) << "all members share one bucket";
+    }
+    EXPECT_EQ(expectedId, 2400u);
+    for (U32 id = 0; id < 2400; ++id) {
+        CollidingEntry const* m = map[{id}];
+        if (id % 2) {
+            EXPECT_EQ(m, nullptr);
+            CollidingEntry const* after = map.startAtHash({id});
+            if (id == 2399) {
+                EXPECT_EQ(after, nullptr);
+            } else {
+                ASSERT_NE(after, nullptr);
+                EXPECT_EQ(after->fwkKey().id, id + 1);
+            }
+        } else {
+            ASSERT_NE(m, nullptr);
+            EXPECT_EQ(m->value(), id);
+        }
+    }
+    for (U32 id = 0; id < 2400; id += 4) map.deleteMember(map[{id}]);
+    EXPECT_EQ(map.members(), 600u);
+    EXPECT_EQ(map.verify(), "");
+    EXPECT_EQ(map[{4}], nullptr);
+    EXPECT_NE(map[{2}], nullptr);
+}
+
+TEST_F(HashMapTest, EqualKeysInsertedTwiceKeepInsertionOrder) {
+    Map map;
+    insert(map, 10, 1);
+    insert(map, 7, 0);
+    insert(map, 10, 2);
+    insert(map, 10, 3);
+    EXPECT_EQ(map.members(), 4u);
+    EXPECT_EQ(map.verify(), "");
+    std::vector<U64> values;
+    for (Entry& e : map) {
+        if (e.fwkKey() == 10) values.push_back(e.value());
+    }
+    EXPECT_EQ(values, (std::vector<U64>{1, 2, 3}));
+    EXPECT_EQ(map[10]->value(), 1u);
+    map.deleteMember(map[10]);
+    EXPECT_EQ(map[10]->value(), 2u);
+    EXPECT_EQ(map.verify(), "");
+}
+
+TEST_F(HashMapTest, DeletingANonMemberChangesNothing) {
+    Map map;
+    insert(map, 1);
+    insert(map, 2);
+    Kal::Ptr<Entry> stranger = new Entry(1, 0);
+    U32 const version = map.version();
+    EXPECT_FALSE(map.deleteMember(stranger));
+    EXPECT_FALSE(map.deleteMember(Kal::Ptr<Entry>()));
+    EXPECT_EQ(map.version(), version);
+    EXPECT_EQ(map.members(), 2u);
+    EXPECT_TRUE(map.deleteMember(map[1]));
+    EXPECT_EQ(map.version(), version + 1);
+}
+
+TEST_F(HashMapTest, VersionCountsInsertionsAndDeletions) {
+    Map map;
+    U32 v = map.version();
+    insert(map, 1);
+    EXPECT_EQ(map.version(), ++v);
+    insert(map, 2);
+    insert(map, 3);
+    EXPECT_EQ(map.version(), v += 2);
+    map.deleteMember(map[2]);
+    EXPECT_EQ(map.version(), ++v);
+    map.deleteAll();
+    EXPECT_EQ(map.version(), v += 2);
+}
+
+using HashMapDeathTest = HashMapTest;
+
+TEST_F(HashMapDeathTest, InsertingALinkedMemberIsAnAssertion) {
+    Map map;
+    Kal::Ptr<Entry> a = new Entry(1, 0);
+    Kal::Ptr<Entry> b = new Entry(2, 0);
+    a->fwkHmNextIs(b.ptr());
+    EXPECT_DEATH(map.newMember(a), "t->fwkHmNext\\(\\) == 0");
+    a->fwkHmNextIs(nullptr);
+}
+
+TEST_F(HashMapTest, CopiesAreMadeOfNewMembersInTheSameStructure) {
+    std::mt19937_64 rng(21);
+    auto const keys = randomKeys(rng, 700);
+    Map map;
+    for (U64 k : keys) insert(map, k, k ^ 0xFF);
+    ASSERT_EQ(memberCopies, 0);
+
+    Map copy(map);
+    EXPECT_EQ(memberCopies, 700);
+    EXPECT_EQ(liveMembers, 1400);
+    EXPECT_EQ(copy.buckets(), map.buckets());
+    EXPECT_EQ(copy.verify(), "");
+    EXPECT_EQ(keysOf(copy), keysOf(map));
+    for (U64 k : keys) {
+        ASSERT_NE(copy[k], nullptr);
+        EXPECT_NE(copy[k], map[k]);
+        EXPECT_EQ(copy[k]->value(), k ^ 0xFF);
+        EXPECT_EQ(copy[k]->references(), 1u);
+    }
+    EXPECT_TRUE(copy == map);
+
+    // Independent from here on.
+    copy.deleteMember(copy[keys[0]]);
+    EXPECT_NE(map[keys[0]], nullptr);
+    EXPECT_FALSE(copy == map);
+    EXPECT_FALSE(map == copy);
+
+    // Assignment releases the members it replaces and counts as their deletion.
+    Map target;
+    insert(target, 5);
+    insert(target, 6);
+    U32 const version = target.version();
+    target = copy;
+    EXPECT_EQ(target.members(), 699u);
+    EXPECT_EQ(target.verify(), "");
+    EXPECT_EQ(target[5], nullptr);
+    EXPECT_NE(target.version(), version);
+    EXPECT_TRUE(target == copy);
+    EXPECT_EQ(liveMembers, 700 + 699 + 699);
+
+    // A small map (single inline bucket) copies and assigns too.
+    Map small;
+    insert(small, 1, 1);
+    Map smallCopy(small);
+    target = small;
+    EXPECT_EQ(keysOf(target), std::vector<U64>{1});
+    EXPECT_EQ(target.buckets(), 1u);
+    EXPECT_EQ(target.verify(), "");
+    EXPECT_TRUE(smallCopy == small);
+    target = target;
+    EXPECT_EQ(target.members(), 1u);
+}
+
+TEST_F(HashMapTest, EqualityIgnoresInsertionOrderButNotValues) {
+    std::mt19937_64 rng(22);
+    auto keys = randomKeys(rng, 300);
+    Map a;
+    for (U64 k : keys) insert(a, k, k % 7);
+    std::shuffle(keys.begin(), keys.end(), rng);
+    Map b(4096);
+    for (U64 k : keys) insert(b, k, k % 7);
+    EXPECT_TRUE(a == b);
+    EXPECT_TRUE(b == a);
+
+    b[keys[17]]->valueIs(keys[17] % 7 + 1);
+    EXPECT_FALSE(a == b);
+    EXPECT_FALSE(b == a);
+    b[keys[17]]->valueIs(keys[17] % 7);
+
+    // Same size, one key swapped for another.
+    b.deleteMember(b[keys[3]]);
+    insert(b, keys[3] + 1, 0);
+    EXPECT_FALSE(a == b);
+
+    Map empty1, empty2(64);
+    EXPECT_TRUE(empty1 == empty2);
+    EXPECT_FALSE(empty1 == a);
+}
+
+TEST_F(HashMapTest, KeysOfOtherTypesUseTheirOwnHashAndOrder) {
+    using NameEntry = KalEntry<Kal::String8>;
+    Kal::HashMap<NameEntry, Kal::String8> map;
+    std::vector<Kal::String8> names;
+    for (int i = 0; i < 50; ++i) names.emplace_back("intf" + std::to_string(i));
+    for (auto const& n : names) map.newMember(new NameEntry(n, n.charCount()));
+    std::sort(names.begin(), names.end(), [](Kal::String8 const& a, Kal::String8 const& b) {
+        U32 const ha = Kal::bitReverse(a.hash()), hb = Kal::bitReverse(b.hash());
+        return ha != hb ? ha < hb : a < b;
+    });
+    EXPECT_EQ(keysOf(map), names);
+    ASSERT_NE(map[Kal::String8("intf7")], nullptr);
+    EXPECT_EQ(map[Kal::String8("intf7")]->value(), 5u);
+    EXPECT_EQ(map[Kal::String8("intf70")], nullptr);
+}
+
+TEST_F(HashMapTest, ConstIteratorsAndIteratorsStartingAtAKey) {
+    std::mt19937_64 rng(30);
+    auto const keys = randomKeys(rng, 100);
+    auto const order = inMapOrder(keys);
+    Map map;
+    for (U64 k : keys) insert(map, k);
+    Map const& cmap = map;
+    std::vector<U64> seen;
+    for (Map::IteratorConst i(cmap, order[40]); i; ++i) seen.push_back(i.key());
+    EXPECT_EQ(seen, std::vector<U64>(order.begin() + 40, order.end()));
+    Map::IteratorConst fromMutable = map.iterator();
+    EXPECT_EQ(fromMutable.key(), order[0]);
+}
+
+TEST_F(HashMapTest, VerifyNamesTheBrokenInvariant) {
+    Map map;
+    auto a = insert(map, 2);
+    auto b = insert(map, 3);
+    ASSERT_EQ(map.verify(), "");
+    // 1 sorts before 3 (reversed hashes 0x80000000 < 0xC0000000): out of order after 3.
+    Kal::Ptr<Entry> stray = new Entry(1, 0);
+    b->fwkHmNextIs(stray.ptr());
+    EXPECT_NE(map.verify().stringValue().find("out of (hash, key) order"), std::string::npos)
+        << map.verify();
+    b->fwkHmNextIs(nullptr);
+    // A member the count does not know about, in order this time.
+    Kal::Ptr<Entry> extra = new Entry(7, 0);
+    b->fwkHmNextIs(extra.ptr());
+    EXPECT_NE(map.verify().stringValue().find("more than the member count"), std::string::npos)
+        << map.verify();
+    b->fwkHmNextIs(nullptr);
+    EXPECT_EQ(map.verify(), "");
+
+    // In a map with several buckets, a chain whose end links into another bucket.
+    Map wide(8);
+    auto low = insert(wide, 2);  // bucket 2 of 8 (reversed hash 0x40000000)
+    auto high = insert(wide, 3); // bucket 6 of 8 (0xC0000000)
+    ASSERT_EQ(wide.verify(), "");
+    low->fwkHmNextIs(high.ptr());
+    EXPECT_NE(wide.verify().stringValue().find("does not end with a null link"),
+              std::string::npos)
+        << wide.verify();
+    low->fwkHmNextIs(nullptr);
+    EXPECT_EQ(wide.verify(), "");
+}
+
+// A seeded random sequence of insertions, deletions, lookups and walks, checked against
+// std::map (contents) and std::unordered_map (lookups), with verify() after every change.
+TEST_F(HashMapTest, RandomOperationsMatchStandardContainers) {
+    for (U64 seed : {1ull, 2ull, 0xC0FFEEull}) {
+        SCOPED_TRACE(::testing::Message() << "seed " << seed);
+        std::mt19937_64 rng(seed);
+        // A key pool with colliding pairs (high and low words swapped) and small integers.
+        std::vector<U64> pool = randomKeys(rng, 600);
+        for (size_t i = 0; i < 200; ++i) pool.push_back((pool[i] << 32) | (pool[i] >> 32));
+        for (U64 k = 0; k < 200; ++k) pool.push_back(k);
+        auto anyKey = [&] { return pool[rng() % pool.size()]; };
+
+        Map map;
+        std::map<U64, U64> ref;
+        std::unordered_map<U64, Entry*> where;
+        auto check = [&] {
+            ASSERT_EQ(map.verify(), "");
+            ASSERT_EQ(map.members(), ref.size());
+        };
+        auto walk = [&] {
+            std::vector<U64> expected;
+            for (auto const& [k, v] : ref) expected.push_back(k);
+            ASSERT_EQ(keysOf(map), inMapOrder(expected));
+        };
+        // Grow, shrink nearly to nothing, then churn around a middle size.
+        struct Phase {
+            int ops;
+            unsigned insertPercent;
+        };
+        for (Phase phase : {Phase{2500, 85}, Phase{2500, 12}, Phase{1500, 50}}) {
+            for (int op = 0; op < phase.ops; ++op) {
+                unsigned const dice = rng() % 100;
+                U64 const k = anyKey();
+                if (dice < 70) {
+                    bool const doInsert = rng() % 100 < phase.insertPercent;
+                    auto const found = ref.find(k);
+                    if (doInsert && found == ref.end()) {
+                        U64 const v = rng();
+                        where[k] = insert(map, k, v).ptr();
+                        ref[k] = v;
+                    } else if (!doInsert && found != ref.end()) {
+                        ASSERT_TRUE(map.deleteMember(map[k]));
+                        ref.erase(found);
+                        where.erase(k);
+                    }
+                    check();
+                } else if (dice < 90) {
+                    Entry* m = map[k];
+                    auto const w = where.find(k);
+                    if (w == where.end()) {
+                        ASSERT_EQ(m, nullptr) << std::hex << k;
+                    } else {
+                        ASSERT_EQ(m, w->second) << std::hex << k;
+                        ASSERT_EQ(m->value(), ref[k]);
+                    }
+                } else if (dice < 97) {
+                    walk();
+                } else {
+                    // A walk that deletes a few of the members it stands on: the others are
+                    // still visited, in order.
+                    std::vector<U64> all;
+                    for (auto const& [key, v] : ref) all.push_back(key);
+                    std::vector<U64> visited;
+                    for (auto i = map.iterator(); i; ++i) {
+                        visited.push_back(i.key());
+                        if (rng() % 8 == 0) {
+                            ref.erase(i.key());
+                            where.erase(i.key());
+                            map.deleteMember(i.ptr());
+                            check();
+                        }
+                    }
+                    ASSERT_EQ(visited, inMapOrder(all));
+                }
+                if (HasFatalFailure()) return;
+            }
+            walk();
+        }
+    }
+}
+
+// Releasing a chain of members must not recurse through the links: a chain this long
+// would overflow the stack of any recursive release.
+TEST_F(HashMapTest, LongChainsAreReleasedWithoutRecursion) {
+    constexpr U32 chainLength = 1'000'000;
+    {
+        CollidingMap map(1u << 20);
+        // Descending keys: each new member becomes the head of the single chain.
+        for (U32 id = chainLength; id > 0; --id) map.newMember(new CollidingEntry({id}, 0));
+        EXPECT_EQ(map.members(), chainLength);
+        EXPECT_EQ(liveMembers, int(chainLength));
+        map.deleteAll();
+        EXPECT_EQ(liveMembers, 0);
+        EXPECT_EQ(map.members(), 0u);
+        for (U32 id = chainLength; id > 0; --id) map.newMember(new CollidingEntry({id}, 0));
+    } // destruction
+    EXPECT_EQ(liveMembers, 0);
+}
+
+} // namespace
