@@ -136,6 +136,12 @@ constexpr U32 bitReverse(U32 x) noexcept {
 
 inline U32 kalKeyHash(U64 key) noexcept { return U32(key >> 32) ^ U32(key); }
 inline bool kalKeyLessThan(U64 a, U64 b) noexcept { return a < b; }
+// Narrower integer keys hash as their value (S64 like U64, by its bits).
+inline U32 kalKeyHash(U32 key) noexcept { return key; }
+inline U32 kalKeyHash(U16 key) noexcept { return key; }
+inline U32 kalKeyHash(U8 key) noexcept { return key; }
+inline U32 kalKeyHash(S32 key) noexcept { return U32(key); }
+inline U32 kalKeyHash(S64 key) noexcept { return kalKeyHash(U64(key)); }
 
 template <class Key>
 U32 kalKeyHash(Key const& key) {

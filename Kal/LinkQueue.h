@@ -63,6 +63,8 @@ struct LinkQueueProbe; // lets the queue tests break a chain on purpose
 class LinkQueueLink : public PtrInterface {
   public:
     LinkQueueLink() noexcept = default;
+    // A static item (a type's attribute description): never counted, never destroyed.
+    explicit LinkQueueLink(StaticTag tag) noexcept : PtrInterface(tag) {}
     // A copy of an item is a new, unfiled item.
     LinkQueueLink(LinkQueueLink const& o) noexcept : PtrInterface(o) {}
     LinkQueueLink& operator=(LinkQueueLink const&) noexcept { return *this; }

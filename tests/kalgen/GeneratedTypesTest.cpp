@@ -1,0 +1,495 @@
+// The generated type code of the test model, through its accessors and through reflection.
+#include "kalgen/GenTest.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using Kal::GenericIf;
+using Kal::GenericValue;
+using Kal::String8;
+using KalTest::Bag;
+using KalTest::Index;
+using KalTest::Leaf;
+using KalTest::Point;
+using KalTest::Stamp;
+using KalTest::Tree;
+using KalTest::Watcher;
+
+// Records every callback of a Tree as a short text, in order.
+class TreeLog : public Tree::NotifieeConst {
+  public:
+    std::vector<std::string> calls;
+    void onLeafByIndex(U64 const& k) override { calls.push_back("leaf " + std::to_string(k)); }
+    void onLeafByIndexkalImmediate() override { calls.push_back("leaf immediate"); }
+    void onLeafByIndex() override { calls.push_back("leaf all"); }
+    void onPointByIndex(U64 const& k) override { calls.push_back("point " + std::to_string(k)); }
+    void onLeafByBag(Bag const&) override { calls.push_back("bag"); }
+    void onPointByX(U32 const& k) override { calls.push_back("x " + std::to_string(k)); }
+    void onStamps(U64 const& k) override { calls.push_back("stamp " + std::to_string(k)); }
+    void onMark() override { calls.push_back("mark"); }
+    void onTicks() override { calls.push_back("ticks"); }
+    void onOwner() override { calls.push_back("owner"); }
+    void onIsNondestructing() override { calls.push_back("nondestructing"); }
+};
+
+class GeneratedTypes : public ::testing::Test {
+  protected:
+    GeneratedTypes() {
+        log_->notifierIs(tree_);
+        log_->hasNotificationActiveIs(true);
+    }
+    std::vector<std::string> calls() {
+        auto c = std::move(log_->calls);
+        log_->calls.clear();
+        return c;
+    }
+    Tree::Ptr tree_ = KalTest::treeFactory("t");
+    Kal::Ptr<TreeLog> log_ = new TreeLog;
+};
+
+using Calls = std::vector<std::string>;
+
+// ---- Accessors and notification --------------------------------------------------------
+
+TEST_F(GeneratedTypes, PlainSettersCompareFirstAndNotifyOnChange) {
+    tree_->markIs(5);
+    tree_->markIs(5);
+    tree_->markIs(6);
+    EXPECT_EQ(calls(), (Calls{"mark", "mark"}));
+    tree_->ticksInc(2);
+    tree_->ticksInc(0);
+    EXPECT_EQ(tree_->ticks(), 2u);
+    EXPECT_EQ(calls(), Calls{"ticks"});
+    EXPECT_EQ(tree_->maxMark(), 0xFFFFFFFFu);
+    tree_->ownerIs(tree_);
+    tree_->ownerIs(tree_);
+    tree_->peerIs(tree_); // silent
+    EXPECT_EQ(calls(), Calls{"owner"});
+    tree_->ownerIs(nullptr); // break the cycle: a change like any other
+    tree_->peerIs(nullptr);
+    tree_->isNondestructingIs(true);
+    EXPECT_EQ(calls(), (Calls{"owner", "nondestructing"}));
+    tree_->isNondestructingIs(false);
+}
+
+TEST_F(GeneratedTypes, QuietEntityCountersWrapSilently) {
+    Kal::Ptr<Leaf> leaf = new Leaf("l");
+    leaf->countDec(1);
+    EXPECT_EQ(leaf->count(), 0xFFFFFFFFu);
+    leaf->countInc(3);
+    EXPECT_EQ(leaf->count(), 2u);
+}
+
+TEST_F(GeneratedTypes, PointerCollectionWriteRules) {
+    Kal::Ptr<Leaf> a = new Leaf("a"), b = new Leaf("b");
+    tree_->leafByIndexIs(5, nullptr); // absent + null: nothing
+    EXPECT_EQ(tree_->leafByIndexs(), 0u);
+    tree_->leafByIndexIs(5, a);
+    tree_->leafByIndexIs(5, a); // same object: nothing
+    EXPECT_EQ(calls(), Calls{"leaf 5"});
+    tree_->leafByIndexIs(5, b);
+    EXPECT_EQ(tree_->leafByIndex(5), b);
+    tree_->leafByIndexIs(5, nullptr); // present + null: removes
+    EXPECT_EQ(tree_->leafByIndex(5), nullptr);
+    tree_->leafByIndexDel(7); // absent: nobody hears of it
+    EXPECT_EQ(calls(), (Calls{"leaf 5", "leaf 5"}));
+    EXPECT_EQ(a->references(), 1u) << "the table released its reference";
+}
+
+TEST_F(GeneratedTypes, ValueCollectionWriteRulesAndDelAll) {
+    tree_->pointByIndexIs(1, Point(1, 2));
+    tree_->pointByIndexIs(1, Point(1, 2));
+    tree_->pointByIndexIs(1, Point(1, 3));
+    EXPECT_EQ(tree_->pointByIndex(1), Point(1, 3));
+    EXPECT_EQ(tree_->pointByIndex(9), Point()) << "absent gives the default value";
+    EXPECT_EQ(calls(), (Calls{"point 1", "point 1"}));
+
+    Kal::Ptr<Leaf> a = new Leaf("a");
+    tree_->leafByIndexIs(1, a);
+    tree_->leafByIndexIs(2, a);
+    calls();
+    tree_->leafByIndexDelAll();
+    tree_->leafByIndexDelAll(); // already empty: nobody hears of it
+    EXPECT_EQ(calls(), (Calls{"leaf immediate", "leaf all"}));
+    EXPECT_EQ(tree_->leafByIndexs(), 0u);
+}
+
+TEST_F(GeneratedTypes, KeyFieldCollectionTakesItsKeyFromTheValue) {
+    tree_->pointByXIs(Point(4, -1));
+    tree_->pointByXIs(Point(4, -1));
+    tree_->pointByXIs(Point(4, 2));
+    EXPECT_EQ(tree_->pointByX(4), Point(4, 2));
+    EXPECT_EQ(tree_->pointByXDel(4), Point(4, 2));
+    EXPECT_EQ(tree_->pointByXDel(4), Point()) << "absent: a default value";
+    EXPECT_EQ(calls(), (Calls{"x 4", "x 4", "x 4"}));
+}
+
+TEST_F(GeneratedTypes, ValueKeyedCollectionFindsAnEqualSeparatelyBuiltKey) {
+    Bag k;
+    k.itemsIs(3, 30);
+    k.labelIs("k");
+    Kal::Ptr<Leaf> leaf = new Leaf("leaf");
+    tree_->leafByBagIs(k, leaf);
+    Bag same;
+    same.labelIs("k");
+    same.newItems(3, 30);
+    EXPECT_EQ(tree_->leafByBag(same), leaf);
+    same.itemsIs(3, 31);
+    EXPECT_EQ(tree_->leafByBag(same), nullptr);
+}
+
+TEST_F(GeneratedTypes, IteratorsWalkInTheMapOrderAndReachValues) {
+    Kal::Ptr<Leaf> a = new Leaf("a");
+    for (U64 i : {9ull, 1ull, 5ull}) tree_->leafByIndexIs(i, a);
+    std::vector<U64> keys;
+    for (auto it = tree_->leafByIndexIteratorConst(); it; ++it) {
+        keys.push_back(it.key());
+        EXPECT_EQ(it->name(), Kal::Name("a"));
+    }
+    std::vector<U64> mapOrder;
+    for (auto it = tree_->kalLeafByIndex().iterator(); it; ++it) mapOrder.push_back(it.key());
+    EXPECT_EQ(keys, mapOrder);
+    EXPECT_EQ(keys.size(), 3u);
+}
+
+TEST_F(GeneratedTypes, OrderedCollectionCreatesMembersAndRefusesReinstantiation) {
+    auto s = tree_->stampsIs(30, 300);
+    EXPECT_EQ(tree_->stampsIs(30, 300), s) << "same parameters: the same entry";
+    tree_->stampsIs(10, 100);
+    tree_->stampsIs(20, 200);
+    EXPECT_EQ(calls(), (Calls{"stamp 30", "stamp 10", "stamp 20"}));
+    std::vector<U64> order;
+    for (auto it = tree_->stampsIteratorConst(); it; ++it) order.push_back(it.key());
+    EXPECT_EQ(order, (std::vector<U64>{10, 20, 30}));
+    EXPECT_EQ(s->name(), Kal::Name("30"));
+    try {
+        tree_->stampsIs(30, 301);
+        FAIL() << "reinstantiation accepted";
+    } catch (Kal::Exception const& e) {
+        EXPECT_EQ(e.message(), String8("Reinstantiating the entity with name 30 where constructor "
+                                       "parameter attribute _time has a different value of 301 "
+                                       "than the current value of 300 not allowed"));
+        EXPECT_TRUE(e.hasId(Kal::ExceptionId::nameInUse_));
+    }
+    EXPECT_EQ(tree_->stamps(30)->time(), 300u);
+    tree_->stampsDel(99);
+    tree_->stampsDel(10);
+    EXPECT_EQ(calls(), Calls{"stamp 10"});
+}
+
+TEST_F(GeneratedTypes, ValueTypeCollectionsAndEquality) {
+    Bag a, b;
+    a.itemsIs(1, 10);
+    a.itemsIs(2, 20);
+    b.itemsIs(2, 20);
+    b.itemsIs(1, 11);
+    EXPECT_NE(a, b);
+    b.itemsIs(1, 10); // overwrites in place
+    EXPECT_EQ(b.itemCount(), 2u);
+    EXPECT_EQ(a, b) << "same members inserted in another order";
+    EXPECT_FALSE(!a);
+    EXPECT_TRUE(!Bag());
+    a.itemsDel(1);
+    a.itemsDel(1);
+    EXPECT_EQ(a.items(1), 0);
+    a.itemsDelAll();
+    a.labelIs("");
+    EXPECT_TRUE(!a);
+    EXPECT_TRUE(Point(1, 2) < Point(1, 3));
+    EXPECT_TRUE(Point(1, 9) < Point(2, 0));
+    EXPECT_TRUE(Point(2, 0) >= Point(1, 9));
+}
+
+TEST_F(GeneratedTypes, RangeConstraintsNameTheViolatedCondition) {
+    EXPECT_NO_THROW(Index(0));
+    EXPECT_NO_THROW(Index(127));
+    try {
+        Index(128);
+        FAIL();
+    } catch (Kal::RangeException const& e) {
+        EXPECT_EQ(e.message(), String8("Index::value < Index::min or > Index::max not allowed"));
+    }
+    Index i(5);
+    EXPECT_THROW(i.valueIs(200), Kal::RangeException);
+    EXPECT_EQ(i.value(), 5u) << "a refused value leaves the old one";
+    EXPECT_NO_THROW(KalTest::Limited(0x3f));
+    try {
+        KalTest::Limited(0x40);
+        FAIL();
+    } catch (Kal::RangeException const& e) {
+        EXPECT_EQ(e.message(), String8("Limited::value > 0x3f not allowed"));
+    }
+    EXPECT_EQ(Index::_fwkType().constraint("max"), String8("127"));
+}
+
+// ---- Reactors ----------------------------------------------------------------------------
+
+TEST_F(GeneratedTypes, ReactorFollowsItsInputAndRepointing) {
+    Kal::Ptr<Watcher> w = new Watcher("w");
+    Tree::Ptr out = new Tree("out");
+    w->outIs(out);
+    w->treeIs(tree_);
+    EXPECT_EQ(w->passes(), 1u) << "a new non-null input runs the handler once";
+    tree_->markIs(7);
+    EXPECT_EQ(w->passes(), 2u);
+    EXPECT_EQ(out->mark(), 7u);
+    tree_->ticksInc(1);
+    EXPECT_EQ(w->passes(), 3u);
+    tree_->pointByIndexIs(1, Point(1, 1)); // not followed
+    EXPECT_EQ(w->passes(), 3u);
+
+    Tree::Ptr other = new Tree("other");
+    w->treeIs(other);
+    EXPECT_EQ(w->passes(), 4u);
+    EXPECT_EQ(w->tree(), other);
+    tree_->markIs(8);
+    EXPECT_EQ(w->passes(), 4u) << "the old input is no longer followed";
+    w->treeIs(other);
+    EXPECT_EQ(w->passes(), 4u) << "the same input again: nothing";
+
+    w->kalDoZombieReactors(true);
+    EXPECT_TRUE(w->kalDoZombieReactors());
+    EXPECT_TRUE(w->kalTreeReactor()->kalDoZombieReactors());
+    w->treeIs(tree_);
+    EXPECT_EQ(w->passes(), 4u) << "a reactor being torn down does not run the handler";
+    w->kalDoZombieReactors(false);
+
+    w->treeDel();
+    EXPECT_EQ(w->tree(), nullptr);
+    tree_->markIs(9);
+    EXPECT_EQ(w->passes(), 4u);
+}
+
+TEST_F(GeneratedTypes, ReactorNotificationSwitchIsPassedOn) {
+    Kal::Ptr<Watcher> w = new Watcher("w");
+    w->treeIs(tree_);
+    w->hasNotificationActiveIs(true);
+    w->hasNotificationActiveIs(false);
+    tree_->markIs(3);
+    EXPECT_EQ(w->passes(), 1u);
+    w->hasNotificationActiveIs(true);
+    tree_->markIs(4);
+    EXPECT_EQ(w->passes(), 2u);
+    EXPECT_EQ(w->kalFwkActivity(), Kal::Activity::current());
+}
+
+// ---- Type registry -------------------------------------------------------------------------
+
+TEST(GeneratedRegistry, TypesAreFoundByNameWithAttributesInDeclarationOrder) {
+    Kal::KalType const* t = Kal::typeByName("KalTest::Tree");
+    ASSERT_NE(t, nullptr);
+    EXPECT_TRUE(t->isEntity());
+    EXPECT_FALSE(t->isValue());
+    EXPECT_TRUE(t->hasGenericIfSupport());
+    EXPECT_EQ(t->base(), &Kal::entityType());
+    std::vector<std::string> names;
+    for (auto it = t->attributeIteratorConst(); it; ++it) {
+        EXPECT_EQ(it->id(), names.size());
+        names.push_back(it->name().stringValue());
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{
+                         "isNondestructing", "zeroReferences", "leafByIndex", "pointByIndex",
+                         "leafByBag", "pointByX", "stamps", "mark", "ticks", "ticksInc",
+                         "maxMark", "owner", "peer", "doGrow", "doGraft", "weight"}));
+    Kal::KalAttr const* leaf = t->attr("leafByIndex");
+    EXPECT_EQ(&leaf->type(), &Leaf::_fwkType());
+    EXPECT_EQ(leaf->keyType(), &Kal::u64Type());
+    EXPECT_TRUE(leaf->flags().has(Kal::AttrFlags::collection_));
+    EXPECT_TRUE(leaf->flags().has(Kal::AttrFlags::ptr_));
+    EXPECT_TRUE(t->attr("doGrow")->introspectionFlags().has(
+        Kal::KalAttrIntrospectionFlags::isFunction_));
+    EXPECT_TRUE(t->attr("weight")->flags().has(Kal::AttrFlags::constFunction_));
+    EXPECT_TRUE(t->attr("maxMark")->flags().has(Kal::AttrFlags::constant_));
+    EXPECT_FALSE(t->attr("peer")->flags().has(Kal::AttrFlags::notifying_));
+
+    Kal::KalType const* w = Kal::typeByName("KalTest::Watcher");
+    ASSERT_NE(w, nullptr);
+    std::vector<std::string> tail;
+    for (auto it = w->attributeIteratorConst(); it; ++it) tail.push_back(it->name().stringValue());
+    EXPECT_EQ(tail, (std::vector<std::string>{"name", "tree", "out", "passes", "handleTree",
+                                              "kalFwkActivity", "hasNotificationActiveIs",
+                                              "kalDoZombieReactors"}));
+    EXPECT_EQ(w->attr("hasNotificationActiveIs")->type().name(), Kal::Name("bool"));
+    EXPECT_TRUE(w->attr("tree")->flags().has(Kal::AttrFlags::reactorInput_));
+    EXPECT_TRUE(w->attr("name")->flags().has(Kal::AttrFlags::ctorParam_));
+    EXPECT_TRUE(Kal::typeByName("KalTest::Point")->isValue());
+    EXPECT_EQ(Kal::typeByName("KalTest::Nowhere"), nullptr);
+}
+
+TEST(GeneratedRegistry, IntrospectionFlagsAreSixBits) {
+    EXPECT_EQ(Kal::KalAttrIntrospectionFlags(0x3f).value(), 0x3f);
+    try {
+        Kal::KalAttrIntrospectionFlags f(0x40);
+        FAIL();
+    } catch (Kal::RangeException const& e) {
+        EXPECT_EQ(e.message(), String8("KalAttrIntrospectionFlags::value > 0x3f not allowed"));
+    }
+}
+
+// ---- Reflection ------------------------------------------------------------------------
+
+TEST_F(GeneratedTypes, ReflectionReadsWritesAndCalls) {
+    Tree::GenericIf_ gi(tree_.ptr());
+    auto const mark = gi.attributeId("mark");
+    GenericValue r;
+    gi.attributeOp(GenericIf::opOf(mark, GenericIf::write_), GenericValue::of(U64(42)), r);
+    EXPECT_EQ(tree_->mark(), 42u);
+    gi.attributeOp(GenericIf::opOf(mark, GenericIf::read_), {}, r);
+    EXPECT_EQ(r.as<U64>("x"), 42u);
+    EXPECT_EQ(gi.attributeString(mark), String8("42"));
+
+    gi.attributeOp(GenericIf::opOf(gi.attributeId("doGrow"), GenericIf::call_),
+                   GenericValue::of(U64(8)), r);
+    EXPECT_EQ(r.as<U64>("x"), 50u);
+
+    Kal::Ptr<Leaf> leaf = new Leaf("l");
+    Kal::GenericArgs args{{Kal::Name("leaf"), GenericValue::ofPtr(leaf)},
+                          {Kal::Name("index"), GenericValue::of(U64(3))}};
+    gi.attributeOp(GenericIf::opOf(gi.attributeId("doGraft"), GenericIf::call_),
+                   GenericValue::ofArgs(args), r);
+    EXPECT_EQ(tree_->leafByIndex(3), leaf);
+
+    auto const coll = gi.attributeId("pointByIndex");
+    Kal::GenericArgs kv{{Kal::Name("kal_index"), GenericValue::of(U64(2))},
+                        {Kal::Name("pointByIndex"), GenericValue::of(Point(5, 6))}};
+    gi.attributeOp(GenericIf::opOf(coll, GenericIf::insert_), GenericValue::ofArgs(kv), r);
+    EXPECT_EQ(tree_->pointByIndex(2), Point(5, 6));
+    gi.attributeOp(GenericIf::opOf(coll, GenericIf::lookup_), GenericValue::of(U64(2)), r);
+    EXPECT_EQ(r.as<Point>("x"), Point(5, 6));
+    gi.attributeOp(GenericIf::opOf(coll, GenericIf::size_), {}, r);
+    EXPECT_EQ(r.as<U32>("x"), 1u);
+    gi.attributeOp(GenericIf::opOf(coll, GenericIf::erase_), GenericValue::of(U64(2)), r);
+    EXPECT_EQ(tree_->pointByIndexs(), 0u);
+    EXPECT_EQ(gi.attributeString(coll), String8("None"));
+
+    gi.attributeOp(GenericIf::opOf(gi.attributeId("weight"), GenericIf::callConst_), {}, r);
+    EXPECT_EQ(r.as<U32>("x"), 1u);
+}
+
+TEST_F(GeneratedTypes, ReflectionErrors) {
+    tree_->markIs(1);
+    Tree::GenericIf_ ro(static_cast<Tree const*>(tree_.ptr()));
+    GenericValue r;
+    auto const mark = ro.attributeId("mark");
+    try {
+        ro.attributeOp(GenericIf::opOf(mark, GenericIf::write_), GenericValue::of(U64(2)), r);
+        FAIL();
+    } catch (Kal::Exception const& e) {
+        EXPECT_EQ(e.message(), String8("attempting to modify a const instance"));
+    }
+    EXPECT_EQ(tree_->mark(), 1u);
+    // The const check comes first, even before the attribute id is looked at.
+    EXPECT_THROW(ro.attributeOp(GenericIf::opOf(999, GenericIf::write_), {}, r), Kal::Exception);
+
+    Tree::GenericIf_ gi(tree_.ptr());
+    auto expectId = [&](auto&& op, Kal::ExceptionId id, char const* text) {
+        try {
+            op();
+            ADD_FAILURE() << "no exception for " << text;
+        } catch (Kal::Exception const& e) {
+            EXPECT_TRUE(e.hasId(id)) << e.what();
+            EXPECT_NE(e.message().stringValue().find(text), std::string::npos) << e.what();
+        }
+    };
+    expectId([&] { gi.attributeOp(GenericIf::opOf(mark, 128), GenericValue::of(U32(2)), r); },
+             Kal::ExceptionId::type_, "kalOpArg");
+    expectId([&] { gi.attributeOp(GenericIf::opOf(999, 0), {}, r); },
+             Kal::ExceptionId::badIndex_, "999");
+    expectId([&] { gi.attributeOp(GenericIf::opOf(gi.attributeId("maxMark"), 128), {}, r); },
+             Kal::ExceptionId::opNotSupported_, "maxMark");
+    Kal::GenericArgs bad{{Kal::Name("leaf"), GenericValue()},
+                         {Kal::Name("branch"), GenericValue::of(U64(1))}};
+    expectId([&] {
+        gi.attributeOp(GenericIf::opOf(gi.attributeId("doGraft"), 132),
+                       GenericValue::ofArgs(bad), r);
+    }, Kal::ExceptionId::unknownArg_, "branch");
+    Kal::GenericArgs wrongKey{{Kal::Name("kal_index"), GenericValue::of(U32(2))},
+                              {Kal::Name("pointByIndex"), GenericValue::of(Point(5, 6))}};
+    expectId([&] {
+        gi.attributeOp(GenericIf::opOf(gi.attributeId("pointByIndex"), 129),
+                       GenericValue::ofArgs(wrongKey), r);
+    }, Kal::ExceptionId::type_, "kal_index");
+    EXPECT_THROW(gi.attributeId("nope"), Kal::RangeException);
+}
+
+TEST_F(GeneratedTypes, AttributeIteratorSurvivesDeletion) {
+    for (U64 i = 0; i < 6; ++i) tree_->pointByIndexIs(i, Point(U32(i), 0));
+    Tree::GenericIf_ gi(tree_.ptr());
+    std::vector<U64> seen;
+    for (auto it = gi.attributeIterator(gi.attributeId("pointByIndex")); it.nonNull();
+         it.iterInc()) {
+        seen.push_back(it.iterKey().as<U64>("k"));
+        EXPECT_EQ(it.iterObj().as<Point>("v").x(), U32(seen.back()));
+        it.iterDel();
+    }
+    EXPECT_EQ(seen.size(), 6u);
+    EXPECT_EQ(tree_->pointByIndexs(), 0u);
+}
+
+TEST_F(GeneratedTypes, GenericAdapterHearsEveryChangeByAttributeId) {
+    Tree::GenericIf_ gi(tree_.ptr());
+    std::vector<Kal::AttributeId> heard;
+    auto adapter = gi.doAddNotifiee([&](Kal::AttributeId id) { heard.push_back(id); });
+    tree_->markIs(3);
+    tree_->leafByIndexIs(1, new Leaf("x"));
+    EXPECT_EQ(heard, (std::vector<Kal::AttributeId>{gi.attributeId("mark"),
+                                                    gi.attributeId("leafByIndex")}));
+}
+
+// ---- Text form -------------------------------------------------------------------------
+
+TEST(GeneratedText, ValueTypesPrintAndReadBack) {
+    Bag b;
+    b.itemsIs(1, 2);
+    b.labelIs("it's");
+    b.flagIs(true);
+    b.spotIs(Point(7, -3));
+    String8 const text = Kal::valueToStrep(b);
+    EXPECT_EQ(text, String8("Value('KalTest::Bag', ** {'items': None, 'label': 'it\\'s', 'flag': "
+                            "True, 'spot': Value('KalTest::Point', ** {'x': 7, 'y': -3})})"));
+    Bag back(text);
+    EXPECT_EQ(back.label(), b.label());
+    EXPECT_EQ(back.spot(), b.spot());
+    EXPECT_TRUE(back.flag());
+    EXPECT_EQ(back.itemCount(), 0u) << "collections print as None and read back empty";
+    std::ostringstream os;
+    os << Point(1, 2);
+    EXPECT_EQ(os.str(), "Value('KalTest::Point', ** {'x': 1, 'y': 2})");
+    EXPECT_EQ(Kal::strepToValue<Point>("Value('KalTest::Point', ** {})"), Point());
+}
+
+TEST(GeneratedText, ParseErrorsNameWhatWasWrong) {
+    auto message = [](String8 const& text) -> std::string {
+        try {
+            Kal::strepToValue<Point>(text);
+        } catch (Kal::RangeException const& e) {
+            return e.message().stringValue();
+        }
+        return "no error";
+    };
+    EXPECT_EQ(message("Value('KalTest::Point', ** {'x': 1, 'y': 2})x"),
+              "junk at column 44 deserializing Value('KalTest::Point', ** {'x': 1, 'y': 2})x");
+    EXPECT_EQ(message("Value('KalTest::Point', ** {'x': 1"), "premature end of value type Point");
+    EXPECT_EQ(message("Value('KalTest::Point', ** {'x': 1, 'z': 2})"),
+              "Point has no such attribute: z");
+    EXPECT_EQ(message("Value('KalTest::Poi"), "premature end of value type Point");
+    // An error inside one attribute's value names the attribute and the text.
+    std::string const inner = message("Value('KalTest::Point', ** {'x': 99999999999, 'y': 2})");
+    EXPECT_NE(inner.find("U32 out of range: 99999999999"), std::string::npos) << inner;
+    EXPECT_NE(inner.find("'x'"), std::string::npos) << inner;
+    // Nested values report the outermost type when the text ends inside them.
+    try {
+        Kal::strepToValue<Bag>("Value('KalTest::Bag', ** {'spot': Value('KalTest::Point', ** {");
+        FAIL();
+    } catch (Kal::RangeException const& e) {
+        EXPECT_EQ(e.message(), String8("premature end of value type Bag"));
+    }
+    EXPECT_THROW(Index(String8("Value('KalTest::Index', ** {'value': 128})")),
+                 Kal::RangeException);
+}
+
+} // namespace
