@@ -33,6 +33,7 @@
 #include "Kal/String.h"
 #include "Kal/Types.h"
 #include "Velnet/Hash.h"
+#include "Velnet/ValueText.h"
 #include "Velnet/IpAddr.h"
 
 #include <array>

@@ -20,6 +20,7 @@
 #include "Kal/String.h"
 #include "Kal/Types.h"
 #include "Velnet/Hash.h"
+#include "Velnet/ValueText.h"
 
 #include <compare>
 #include <cstddef>

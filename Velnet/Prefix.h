@@ -28,6 +28,7 @@
 #include "Kal/String.h"
 #include "Kal/Types.h"
 #include "Velnet/Hash.h"
+#include "Velnet/ValueText.h"
 #include "Velnet/Ip6Addr.h"
 #include "Velnet/IpAddr.h"
 

@@ -462,6 +462,24 @@ TEST(GeneratedText, ValueTypesPrintAndReadBack) {
     EXPECT_EQ(Kal::strepToValue<Point>("Value('KalTest::Point', ** {})"), Point());
 }
 
+TEST(GeneratedText, NetworkValuesPrintAsQuotedText) {
+    KalTest::Hop h(Velnet::IpAddr(10, 0, 0, 1), Velnet::IntfId(Velnet::IntfKind::ethernet_, 5),
+                   Velnet::Prefix::fromString("10.1.0.0/16"));
+    String8 const text = Kal::valueToStrep(h);
+    EXPECT_EQ(text, String8("Value('KalTest::Hop', ** {'addr': '10.0.0.1', 'intf': 'Ethernet5', "
+                            "'net': '10.1.0.0/16'})"));
+    EXPECT_EQ(KalTest::Hop(text), h);
+    EXPECT_EQ(Kal::typeByName("KalTest::Hop")->attr("net")->type().name(),
+              Kal::Name("Velnet::Prefix"));
+    try {
+        KalTest::Hop bad(String8("Value('KalTest::Hop', ** {'addr': '10.0.0.256'})"));
+        FAIL();
+    } catch (Kal::RangeException const& e) {
+        EXPECT_NE(e.message().stringValue().find("10.0.0.256"), std::string::npos);
+        EXPECT_NE(e.message().stringValue().find("'addr'"), std::string::npos);
+    }
+}
+
 TEST(GeneratedText, ParseErrorsNameWhatWasWrong) {
     auto message = [](String8 const& text) -> std::string {
         try {
