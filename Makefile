@@ -9,7 +9,7 @@ BUILD  := build/$(PRESET)
 DEB_PACKAGES := cmake ninja-build g++ g++-multilib clang libgtest-dev googletest \
                 libbenchmark-dev libabsl-dev liblmdb-dev python3
 
-.PHONY: all deps configure build test bench demo clean
+.PHONY: all deps configure build test bench demo fuzz clean
 
 all: build
 
@@ -37,6 +37,24 @@ bench: deps
 	cmake --preset default
 	cmake --build build/default -j $(JOBS) --target ridge-bench
 	build/default/bench/ridge-bench --benchmark_counters_tabular=true $(BENCH_ARGS)
+
+# libFuzzer targets under clang with address and undefined-behaviour sanitizers, each run for
+# FUZZ_SECONDS on a working copy of its seed corpus (the committed corpus is not touched).
+FUZZ_SECONDS ?= 60
+FUZZ_BUILD   := build/fuzz
+FUZZ_TARGETS := textform
+
+fuzz: deps
+	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DRIDGE_BUILD_FUZZ=ON \
+	  -DRIDGE_BUILD_TESTS=OFF -DRIDGE_BUILD_BENCH=OFF -DRIDGE_SANITIZE=address,undefined
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) $(addprefix --target fuzz-,$(FUZZ_TARGETS))
+	@for t in $(FUZZ_TARGETS); do \
+	  rm -rf $(FUZZ_BUILD)/corpus-$$t && cp -r tests/fuzz/corpus/$$t $(FUZZ_BUILD)/corpus-$$t && \
+	  echo "fuzzing $$t for $(FUZZ_SECONDS)s" && \
+	  $(FUZZ_BUILD)/tests/fuzz/fuzz-$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    -artifact_prefix=$(FUZZ_BUILD)/crash-$$t- $(FUZZ_BUILD)/corpus-$$t || exit 1; \
+	done
 
 demo: deps
 	@echo "make demo: the reference daemon host ridged is not built yet;"

@@ -228,6 +228,32 @@ void kalPrintAny(std::ostream& os, V const& v) {
     }
 }
 
+// Entity references in the text form: None, or Ptr('<type>', '<full name>'). Reading one
+// makes a new entity of that name through the type's newEntity when the type has a name
+// factory, and is refused otherwise.
+template <class T>
+    requires std::is_base_of_v<PtrInterface, T>
+void kalPrint(std::ostream& os, Ptr<T> const& p) {
+    kalPrintAny(os, p);
+}
+template <class T>
+    requires std::is_base_of_v<PtrInterface, T>
+void kalParse(TextIt& pos, TextIt end, Ptr<T>& p) {
+    using E = std::remove_const_t<T>;
+    Name name;
+    if (!kalParseEntityRef(pos, end, kalTypeOf<E>(), name)) {
+        p = nullptr;
+        return;
+    }
+    if constexpr (requires { E::newEntity(name); }) {
+        p = E::newEntity(name);
+    } else {
+        throwRangeException(kalTypeOf<E>().name().stringValue() +
+                            " has no name factory: the entity reference to '" +
+                            name.stringValue() + "' cannot be read");
+    }
+}
+
 template <class V>
 GenericValue kalGeneric(V const& v) {
     if constexpr (IsPtr<V>::value) {
@@ -263,13 +289,11 @@ KalAttrOps kalPlainOps() {
         ops.write = [](void* o, GenericValue const& v) {
             (static_cast<T*>(o)->*Set)(kalFromGeneric<V>(v, "kalOpArg"));
         };
-        if constexpr (!IsPtr<V>::value) {
-            ops.parse = [](void* o, TextIt& pos, TextIt end) {
-                V v{};
-                kalParse(pos, end, v);
-                (static_cast<T*>(o)->*Set)(v);
-            };
-        }
+        ops.parse = [](void* o, TextIt& pos, TextIt end) {
+            V v{};
+            kalParse(pos, end, v);
+            (static_cast<T*>(o)->*Set)(v);
+        };
     }
     return ops;
 }

@@ -1,6 +1,7 @@
 #include "Kal/SerDes.h"
 
 #include <cinttypes>
+#include <cstdarg>
 #include <cstdio>
 #include <limits>
 
@@ -198,15 +199,26 @@ void throwPrematureEnd(std::string_view shortTypeName) {
     throwRangeException("premature end of value type " + std::string(shortTypeName));
 }
 
+namespace {
+std::string formatted(char const* format, ...) __attribute__((format(printf, 1, 2)));
+std::string formatted(char const* format, ...) {
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    int const n = std::vsnprintf(nullptr, 0, format, args);
+    va_end(args);
+    std::string out(std::size_t(n > 0 ? n : 0) + 1, '\0');
+    std::vsnprintf(out.data(), out.size(), format, again);
+    va_end(again);
+    out.resize(out.size() - 1);
+    return out;
+}
+} // namespace
+
 void throwJunk(long long column, String8 const& text) {
-    // The message is formatted from "junk at column %lld deserializing %s".
-    int const n = std::snprintf(nullptr, 0, "junk at column %lld deserializing %s", column,
-                                text.charPtr());
-    std::string out(std::size_t(n) + 1, '\0');
-    std::snprintf(out.data(), out.size(), "junk at column %lld deserializing %s", column,
-                  text.charPtr());
-    out.resize(std::size_t(n));
-    throwRangeException(String8(std::move(out)));
+    throwRangeException(
+        String8(formatted("junk at column %lld deserializing %s", column, text.charPtr())));
 }
 
 void throwNoSuchAttribute(KalType const& type, std::string_view name) {

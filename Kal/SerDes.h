@@ -130,6 +130,8 @@ T sequenceToValue(TextIt& pos, TextIt end) {
     String8 shortName;
     if constexpr (requires { T::_fwkType(); }) {
         shortName = T::_fwkType().shortName();
+    } else if constexpr (requires { typename T::element_type; }) {
+        shortName = kalTypeOf<std::remove_const_t<typename T::element_type>>().shortName();
     } else {
         shortName = kalTypeOf<T>().shortName();
     }

@@ -480,6 +480,26 @@ TEST(GeneratedText, NetworkValuesPrintAsQuotedText) {
     }
 }
 
+TEST(GeneratedText, EntityReferencesNameTheirEntity) {
+    Tree::Ptr t = KalTest::treeFactory("oak");
+    EXPECT_EQ(Kal::valueToStrep(t), String8("Ptr('KalTest::Tree', 'oak')"));
+    EXPECT_EQ(Kal::valueToStrep(Tree::Ptr()), String8("None"));
+    EXPECT_EQ(Kal::strepToValue<Tree::Ptr>("None"), nullptr);
+    Tree::Ptr back = Kal::strepToValue<Tree::Ptr>("Ptr('KalTest::Tree', 'elm')");
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(back->name(), Kal::Name("elm"));
+    EXPECT_THROW(Kal::strepToValue<Tree::Ptr>("Ptr('KalTest::Leaf', 'elm')"), Kal::RangeException);
+    EXPECT_THROW(Kal::strepToValue<Kal::Ptr<Leaf>>("Ptr('KalTest::Leaf', 'l')"),
+                 Kal::RangeException)
+        << "Leaf has no name factory";
+    try {
+        Kal::strepToValue<Tree::Ptr>("Ptr('KalTest::Tree', 'elm'");
+        FAIL();
+    } catch (Kal::RangeException const& e) {
+        EXPECT_EQ(e.message(), String8("premature end of value type Tree"));
+    }
+}
+
 TEST(GeneratedText, ParseErrorsNameWhatWasWrong) {
     auto message = [](String8 const& text) -> std::string {
         try {
