@@ -264,6 +264,10 @@ std::string traceLine(TraceRecord const& record) {
     line += ':';
     line += std::to_string(record.line);
     line += ' ';
+    if (!record.object.empty()) {
+        appendEscaped(line, record.object);
+        line += ": ";
+    }
     appendEscaped(line, record.text);
     return line;
 }
@@ -292,9 +296,10 @@ std::ostream* coverageStreamIs(std::ostream* stream) {
 }
 
 void traceHelper(std::string_view facility, int level, std::string_view source, int line,
-                 std::string_view function, std::string_view text, bool enabled) {
+                 std::string_view function, std::string_view text, bool enabled,
+                 std::string_view object) {
     if (traceWriteOnThisThread) return;
-    TraceRecord const record{facility, level, source, line, function, text};
+    TraceRecord const record{facility, level, source, line, function, text, object};
     auto& output = TraceOutput::instance();
     std::lock_guard lock(output.mutex);
     TraceWriteScope const scope;
@@ -310,7 +315,8 @@ void CaptureTraceSink::write(TraceRecord const& record) {
                 .source = String8(record.source),
                 .line = record.line,
                 .function = String8(record.function),
-                .text = String8(record.text)};
+                .text = String8(record.text),
+                .object = String8(record.object)};
     std::lock_guard lock(mutex_);
     records_.push_back(std::move(copy));
 }

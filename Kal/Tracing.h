@@ -8,7 +8,7 @@
 //   KAL_TRACE(0, "void Ridge::RoutingSm::handleRouting()" << " for vrf " << vrfName());
 //
 // The record's message is the composed text alone. The enclosing function's signature
-// travels beside it as location (record.function, from __PRETTY_FUNCTION__), but a message
+// travels beside it as location (record.function: its short name, from __func__), but a message
 // that must begin with the signature spells it out itself, as the model declares it:
 // compiler signatures differ between g++ and clang and resolve typedefs (U64 becomes
 // "long long unsigned int", Status::Ptr becomes Kal::Ptr<...>), while the published texts
@@ -130,12 +130,14 @@ struct TraceRecord {
     int level;
     std::string_view source; // the file's source name, as "RoutingSm"
     int line;
-    std::string_view function; // the emitting function as the compiler names it (location)
+    std::string_view function; // the emitting function's short name (location)
     std::string_view text;     // the composed text: the message
+    std::string_view object = {}; // the object the record speaks of, where the statement names one
 };
 
 // The line form used by the default sink and the coverage stream, without a newline:
-//   "<facility>/<level> <source>:<line> <text>"
+//   "<facility>/<level> <source>:<line> <text>", or with an object
+//   "<facility>/<level> <source>:<line> <object>: <text>"
 // as "RidgeRoutingSm/0 RoutingSm:42 void Ridge::RoutingSm::handleRouting() for vrf blue".
 // A newline or carriage return inside the text is written as "\n" or "\r" (and a
 // backslash as "\\"), so every record is exactly one line.
@@ -167,7 +169,8 @@ std::ostream* coverageStreamIs(std::ostream* stream);
 // Hands one composed record over: to the sink if `enabled` (the handle was on at `level`),
 // and to the coverage stream if one is installed. Called by the trace statements.
 void traceHelper(std::string_view facility, int level, std::string_view source, int line,
-                 std::string_view function, std::string_view text, bool enabled);
+                 std::string_view function, std::string_view text, bool enabled,
+                 std::string_view object = {});
 
 // A sink that keeps every record, in arrival order, for tests to read.
 class CaptureTraceSink : public TraceSink {
@@ -179,6 +182,7 @@ class CaptureTraceSink : public TraceSink {
         int line;
         String8 function;
         String8 text; // the message
+        String8 object;
     };
 
     void write(TraceRecord const& record) override;
@@ -222,6 +226,13 @@ class TraceCapture {
 // char as numbers and a null C string as "(null)". Manipulators (std::hex, std::setw) work.
 class TraceText {
   public:
+    // The text of a record's object: anything a stream can print.
+    template <class T>
+    static std::string objectText(T const& object) {
+        std::ostringstream os;
+        os << object;
+        return os.str();
+    }
     template <class T> TraceText& operator<<(T const& value) {
         os_ << value;
         return *this;
@@ -273,25 +284,34 @@ class TraceText {
 #define KAL_TRACE(level, ...)                                                                      \
     KAL_TRACE_TO(_defaultTraceHandle(), _defaultTraceSource(), level, __VA_ARGS__)
 
+// A trace statement that names the object it speaks of (KAL_TRACE_OBJECT(level, name, a << b));
+// the name is evaluated only when the text is composed.
+#define KAL_TRACE_OBJECT(level, object, ...)                                                       \
+    KAL_TRACE_OBJECT_TO(_defaultTraceHandle(), _defaultTraceSource(), object, level, __VA_ARGS__)
+
 // The same with an explicit handle and source name.
+#define KAL_TRACE_TO(handle, source, level, ...)                                                   \
+    KAL_TRACE_OBJECT_TO(handle, source, ::std::string_view(), level, __VA_ARGS__)
+
 //
 // The composing code sits in a lambda kept out of line and marked cold, so that the
 // statement adds to its function only the level test, the coverage test and a branch (no
-// stream object in its frame, no calls on its fast path). The signature is taken outside the lambda: inside it,
-// __PRETTY_FUNCTION__ would name the lambda.
-#define KAL_TRACE_TO(handle, source, level, ...)                                                   \
+// stream object in its frame, no calls on its fast path). The function name is taken
+// outside the lambda: inside it, __func__ would name the lambda.
+#define KAL_TRACE_OBJECT_TO(handle, source, object, level, ...)                                    \
     do {                                                                                           \
         ::Kal::TraceHandle const& kalTraceHandle_ = (handle);                                      \
         int const kalTraceLevel_ = (level);                                                        \
         bool const kalTraceOn_ = kalTraceHandle_.enabled(kalTraceLevel_);                          \
         if (kalTraceOn_ || ::Kal::coverageStream_.load(::std::memory_order_relaxed) != nullptr)    \
             [[unlikely]] {                                                                         \
-            char const* const kalTraceFunction_ = __PRETTY_FUNCTION__;                             \
+            char const* const kalTraceFunction_ = __func__;                                        \
             [&]() __attribute__((noinline, cold)) {                                                \
                 ::Kal::TraceText kalTraceText_;                                                    \
                 kalTraceText_ << __VA_ARGS__;                                                      \
                 ::Kal::traceHelper(kalTraceHandle_.facility(), kalTraceLevel_, (source), __LINE__, \
-                                   kalTraceFunction_, kalTraceText_.str(), kalTraceOn_);           \
+                                   kalTraceFunction_, kalTraceText_.str(), kalTraceOn_,            \
+                                   ::Kal::TraceText::objectText(object));                          \
             }();                                                                                   \
         }                                                                                          \
     } while (false)

@@ -238,12 +238,12 @@ TEST_F(TracingTest, CaptureSinkReceivesExactRecords) {
     EXPECT_EQ(records[0].level, 2);
     EXPECT_EQ(records[0].source, String8("TracingTest"));
     EXPECT_EQ(records[0].line, line1);
-    EXPECT_EQ(records[0].function, String8("int TracingProbe::emit(int)"));
+    EXPECT_EQ(records[0].function, String8("emit"));
     EXPECT_EQ(records[0].text, String8("int TracingProbe::emit(int) value 7 done"));
 
     EXPECT_EQ(records[1].level, 5);
     EXPECT_EQ(records[1].line, line2);
-    EXPECT_EQ(records[1].function, String8("int TracingProbe::emitAt(int, int)"));
+    EXPECT_EQ(records[1].function, String8("emitAt"));
     EXPECT_EQ(capture.texts(), (Strings{"int TracingProbe::emit(int) value 7 done",
                                         "int TracingProbe::emitAt(int, int) at 5 value 9"}));
 
@@ -362,6 +362,12 @@ TEST_F(TracingTest, TraceLineGivesFacilityLevelSourceLineAndMessage) {
                                   "void Ridge::RoutingSm::handleRouting() for vrf blue not init!!"};
     EXPECT_EQ(Kal::traceLine(record), "RidgeRoutingSm/0 RoutingSm:42 void "
                                       "Ridge::RoutingSm::handleRouting() for vrf blue not init!!");
+
+    Kal::TraceRecord const withObject{"RidgeRouting6Sm", 0, "Routing6Sm", 7, "handleRouting",
+                                      "void Ridge::Routing6Sm::handleRouting() enabled: 1",
+                                      "<unknown>"};
+    EXPECT_EQ(Kal::traceLine(withObject), "RidgeRouting6Sm/0 Routing6Sm:7 <unknown>: void "
+                                          "Ridge::Routing6Sm::handleRouting() enabled: 1");
 
     // Line breaks inside the message cannot split the record over several lines.
     Kal::TraceRecord const multiLine{"F", 9, "S", 1, "void f()", "a\nb\\n\rc"};
@@ -514,6 +520,27 @@ TEST_F(TracingTest, HandlesAreCreatedAndEnabledSafelyFromManyThreads) {
     Kal::traceSettingIs(settings[1]);
     EXPECT_EQ(Kal::traceHandle("KalTrRaceA").levels(), 1u << 3);
     EXPECT_EQ(Kal::traceHandle("KalTrRaceB").levels(), (1u << 1) | (1u << 3));
+}
+
+} // namespace
+
+namespace {
+
+TEST(TracingObjectTest, ObjectNameIsRecordedAndOnlyComposedWhenOn) {
+    Kal::TraceCapture capture("KalTrObject/0");
+    auto& h = Kal::traceHandle("KalTrObject");
+    int evaluations = 0;
+    auto object = [&] {
+        ++evaluations;
+        return std::string("<unknown>");
+    };
+    KAL_TRACE_OBJECT_TO(h, "Obj", object(), 1, "off");
+    EXPECT_EQ(evaluations, 0) << "the object of a trace that is off is not evaluated";
+    KAL_TRACE_OBJECT_TO(h, "Obj", object(), 0, "on");
+    ASSERT_EQ(capture.records().size(), 1u);
+    EXPECT_EQ(capture.records()[0].object, Kal::String8("<unknown>"));
+    EXPECT_EQ(capture.records()[0].text, Kal::String8("on"));
+    EXPECT_EQ(evaluations, 1);
 }
 
 } // namespace
