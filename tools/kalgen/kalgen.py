@@ -214,7 +214,7 @@ def parse_attr(t, words, lineno, fail):
                 a.range = (lo or None, hi or None)
             elif k == "counter" and v in ("", "inc"):
                 a.flags.add("counter=inc" if v else "counter")
-            elif k in ("param", "readonly", "silent") and not v:
+            elif k in ("param", "readonly", "silent", "virtual") and not v:
                 a.flags.add(k)
             elif k == "const" and kind == "ptr" and not v:
                 a.flags.add("const")
@@ -265,13 +265,16 @@ def parse_attr(t, words, lineno, fail):
         a.key = m.group(2)
         a.type = m.group(3)
         return
-    if kind == "fn":
-        m = re.fullmatch(r"(" + IDENT + r")\s*\(([^)]*)\)((?:\s+const)?)(?:\s*->\s*(.+))?", rest)
+    if kind in ("fn", "method"):
+        m = re.fullmatch(r"(" + IDENT + r")\s*\(([^)]*)\)((?:\s+(?:const|static))*)"
+                         r"(?:\s*->\s*(.+))?", rest)
         if not m:
-            fail(lineno, "expected 'fn <name>(<param> : <Type>, ...) [const] [-> <Type>]'")
-        a = new("fn", m.group(1))
-        if m.group(3).strip():
-            a.flags.add("const")
+            fail(lineno, f"expected '{kind} <name>(<param> : <Type>, ...) [const] [-> <Type>]'")
+        a = new(kind, m.group(1))
+        for word in m.group(3).split():
+            a.flags.add(word)
+        if "static" in a.flags and (kind != "method" or "const" in a.flags):
+            fail(lineno, "only a method can be static, and a static one is not const")
         if m.group(4):
             a.ret = parse_type_text(m.group(4), lineno, fail)
         params = m.group(2).strip()
@@ -286,9 +289,9 @@ def parse_attr(t, words, lineno, fail):
 
 
 def finish_type(t, fail):
-    kinds = {"value": ("attr", "coll", "fn"),
-             "entity": ("attr", "ptr", "coll", "ordered", "fn", "input"),
-             "object": ("attr", "ptr", "coll", "ordered", "fn", "input")}
+    kinds = {"value": ("attr", "coll", "fn", "method"),
+             "entity": ("attr", "ptr", "coll", "ordered", "fn", "method", "input"),
+             "object": ("attr", "ptr", "coll", "ordered", "fn", "method", "input")}
     for a in t.attrs:
         if a.kind not in kinds[t.kind]:
             fail(a.line, f"a {t.kind} type has no '{a.kind}' attributes")
@@ -323,7 +326,8 @@ def finish_type(t, fail):
     if t.reactor:
         tail = ["kalFwkActivity", "hasNotificationActiveIs", "kalDoZombieReactors"]
     t.attrs = declared
-    all_attrs = [framework_attr(n, t.line, "framework") for n in framework] + declared + \
+    registered = [a for a in declared if a.kind != "method"]
+    all_attrs = [framework_attr(n, t.line, "framework") for n in framework] + registered + \
         [framework_attr(n, t.line, "framework") for n in tail]
     for i, a in enumerate(all_attrs):
         a.id = i
@@ -624,7 +628,10 @@ def emit_accessors(out, t, a):
             return
         out(f"    {ret} {n}() const noexcept {{ return {n}_; }}")
         if "param" not in a.flags and "readonly" not in a.flags:
-            out(f"    void {n}Is({arg_type(a.type)} v);")
+            virt = "virtual " if "virtual" in a.flags else ""
+            out(f"    {virt}void {n}Is({arg_type(a.type)} v);")
+        if notifies(t, a) and "param" not in a.flags:
+            out(f"    void {n}Notify() const;")
         if "counter" in a.flags or "counter=inc" in a.flags:
             out(f"    void {n}Inc({ty} n = 1);")
         if "counter" in a.flags:
@@ -634,6 +641,8 @@ def emit_accessors(out, t, a):
         out(f"    {pt} const& {n}() const noexcept {{ return {n}_; }}")
         if "readonly" not in a.flags:
             out(f"    void {n}Is({pt} const& v);")
+        if notifies(t, a):
+            out(f"    void {n}Notify() const;")
     elif a.kind == "input":
         pt = f"Kal::Ptr<{a.type} const>"
         out(f"    // {n}: followed through the reactor Kal{cap}.")
@@ -688,11 +697,12 @@ def emit_accessors(out, t, a):
         out(f"    {cap}IteratorConst {n}IteratorConst() const {{ return "
             f"{cap}IteratorConst({n}_.iterator()); }}")
         out(f"    Kal{cap}Map const& kal{cap}() const noexcept {{ return {n}_; }}")
-    elif a.kind == "fn":
+    elif a.kind in ("fn", "method"):
         ps = ", ".join(f"{arg_type(pt)} {pn}" for pn, pt in a.params)
         ret = value_type(a.ret) if a.ret else "void"
         const = " const" if "const" in a.flags else ""
-        out(f"    {ret} {n}({ps}){const};")
+        static = "static " if "static" in a.flags else ""
+        out(f"    {static}{ret} {n}({ps}){const};")
     out()
 
 
@@ -743,7 +753,8 @@ def emit_notifiee(out, t):
     out("    void notifierIs(Kal::Ptr<Kal::PtrInterface const> const& notifier) override;")
     out("    void isRegisteredNotifieeIs(bool registered) override;")
     for a in t.attrs:
-        if a.kind in ("attr", "ptr") and not a.const_expr and notifies(t, a):
+        if a.kind in ("attr", "ptr") and not a.const_expr and notifies(t, a) \
+                and "param" not in a.flags:
             out(f"    virtual void on{a.cap}() {{}}")
         elif a.kind in ("coll", "ordered"):
             out(f"    virtual void on{a.cap}({arg_type(a.key)}) {{}}")
@@ -827,7 +838,8 @@ def emit_generic_if(out, t):
         out("        : listener_(std::move(listener)) {}")
         out("    void onAttribute(Kal::AttributeId id) override { listener_(id); }")
         for a in t.attrs:
-            if a.kind in ("attr", "ptr") and not a.const_expr and notifies(t, a):
+            if a.kind in ("attr", "ptr") and not a.const_expr and notifies(t, a) \
+                    and "param" not in a.flags:
                 out(f"    void on{a.cap}() override {{ onAttribute({a.id}); }}")
             elif a.kind in ("coll", "ordered"):
                 out(f"    void on{a.cap}({arg_type(a.key)}) override {{ onAttribute({a.id}); }}")
@@ -1180,7 +1192,12 @@ def emit_accessor_impl(out, t, a):
                 out(f"    if (n) {call}")
             out("}")
             out()
-    elif a.kind == "ptr" and "readonly" not in a.flags:
+    if a.kind in ("attr", "ptr") and not a.const_expr and "param" not in a.flags:
+        call = notify_call(t, a)
+        if call:
+            out(f"void {T}::{n}Notify() const {{ {call} }}")
+            out()
+    if a.kind == "ptr" and "readonly" not in a.flags:
         out(f"void {T}::{n}Is({ptr_type(a)} const& v) {{")
         call = notify_call(t, a)
         if call:
