@@ -536,8 +536,8 @@ def emit_class(out, t):
         if "key" in t.options:
             out(f"    explicit {t.name}({pdecl});")
         else:
-            out(f"    explicit {t.name}(Kal::Name const& name" + (", " + pdecl if pdecl else "")
-                + ");")
+            out(f"    explicit {t.name}(Kal::Name const& name" +
+                (", " + pdecl if pdecl else " = Kal::Name()") + ");")
         out(f"    ~{t.name}() override;")
         if "factory" in t.options:
             out("    // A new entity of this type, named `name`, filed under `dir` (when given).")
