@@ -314,9 +314,10 @@ def finish_type(t, fail):
     framework = []
     if t.kind == "entity":
         framework += ["isNondestructing", "zeroReferences"]
-    declared = []
+    # A counter's increment (and decrement) accessors are listed after the declared
+    # attributes, in the order of their counters.
+    declared = list(t.attrs)
     for a in t.attrs:
-        declared.append(a)
         if a.kind == "attr" and "counter" in a.flags:
             declared.append(framework_attr(a.name + "Inc", a.line, "counterFn", a))
             declared.append(framework_attr(a.name + "Dec", a.line, "counterFn", a))
@@ -1185,12 +1186,9 @@ def emit_accessor_impl(out, t, a):
                 continue
             if op == "Dec" and "counter" not in a.flags:
                 continue
-            out(f"void {T}::{n}{op}({ty} n) {{")
-            out(f"    {n}_ = {ty}({n}_ {sign} n);")
-            call = notify_call(t, a)
-            if call:
-                out(f"    if (n) {call}")
-            out("}")
+            # Counting stores directly and tells nobody (wrapping in the counter's width);
+            # only aIs notifies.
+            out(f"void {T}::{n}{op}({ty} n) {{ {n}_ = {ty}({n}_ {sign} n); }}")
             out()
     if a.kind in ("attr", "ptr") and not a.const_expr and "param" not in a.flags:
         call = notify_call(t, a)
