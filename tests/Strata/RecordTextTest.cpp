@@ -1,0 +1,180 @@
+// The record types in the model framework: registry names, text forms, round trips, parse
+// errors and reflection.
+#include "Strata/RecordText.h"
+
+#include "Kal/GenericIf.h"
+#include "Kal/KalType.h"
+#include "Kal/SerDes.h"
+#include "Strata/Fec.h"
+#include "Strata/FecId.h"
+#include "Strata/Route.h"
+#include "Strata/Via.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <string>
+
+namespace {
+
+using Strata::Fib::FecId;
+using Velnet::IntfId;
+using Velnet::IntfKind;
+
+std::string parseError(auto parse) {
+    try {
+        parse();
+    } catch (Kal::RangeException const& e) {
+        return e.message().stringValue();
+    }
+    return "<accepted>";
+}
+
+TEST(RecordTextTest, EveryRecordTypeIsRegisteredUnderItsQualifiedName) {
+    Strata::kalInitStrataRecords();
+    for (char const* name :
+         {"Strata::Fib::ViaIndex", "Strata::Fib::Via", "Strata::Fib6::Via", "Strata::Fib::FecId",
+          "Strata::Fib::Fec", "Strata::Fib6::Fec", "Strata::Fib::Route", "Strata::Fib6::Route"}) {
+        SCOPED_TRACE(name);
+        auto const* t = Kal::typeByName(name);
+        ASSERT_NE(t, nullptr);
+        EXPECT_TRUE(t->isValue());
+        EXPECT_EQ(t->name(), Kal::Name(name));
+    }
+    EXPECT_EQ(&Kal::kalTypeOf<Strata::Fib::Via>(), Kal::typeByName("Strata::Fib::Via"));
+    EXPECT_EQ(Kal::kalTypeOf<Strata::Fib::ViaIndex>().constraint("max"), Kal::String8("127"));
+}
+
+TEST(RecordTextTest, ViasPrintQuotedAndReadBack) {
+    Strata::Fib::Via const v(Velnet::IpAddr(10, 0, 0, 1), IntfId(IntfKind::ethernet_, 5));
+    EXPECT_EQ(Kal::valueToStrep(v), Kal::String8("'10.0.0.1%Ethernet5'"));
+    EXPECT_EQ(Kal::strepToValue<Strata::Fib::Via>("'10.0.0.1%Ethernet5'"), v);
+    Strata::Fib6::Via const w(Velnet::Ip6Addr(0x2001, 0xdb8, 0, 0, 0, 0, 0, 1),
+                              IntfId(IntfKind::ethernet_, 5), 16);
+    EXPECT_EQ(Kal::valueToStrep(w), Kal::String8("'2001:db8::1%Ethernet5 label 16'"));
+    EXPECT_EQ(Kal::strepToValue<Strata::Fib6::Via>(Kal::valueToStrep(w)), w);
+    EXPECT_EQ(parseError([] { Kal::strepToValue<Strata::Fib::Via>("'10.0.0.1'"); }),
+              "invalid Strata::Fib::Via '10.0.0.1': expected <hop>%<interface>");
+    EXPECT_EQ(parseError([] { Kal::strepToValue<Strata::Fib::Via>("'10.0.0.1%Ethernet1"); }),
+              "premature end of value type Via");
+    EXPECT_EQ(parseError([] { Kal::strepToValue<Strata::Fib::Via>("'1.1.1.1%Ethernet1' x"); }),
+              "junk at column 19 deserializing '1.1.1.1%Ethernet1' x");
+}
+
+TEST(RecordTextTest, FecIdAndRoutePrintAsRecords) {
+    EXPECT_EQ(Kal::valueToStrep(FecId(42)),
+              Kal::String8("Value('Strata::Fib::FecId', ** {'value': 42})"));
+    Strata::Fib::Route const r(Velnet::Prefix::fromString("10.0.0.0/24"), FecId(42),
+                               Routing::Fib::connected_);
+    EXPECT_EQ(Kal::valueToStrep(r),
+              Kal::String8("Value('Strata::Fib::Route', ** {'prefix': '10.0.0.0/24', 'fecId': "
+                           "Value('Strata::Fib::FecId', ** {'value': 42}), 'routeType': 7})"));
+    std::ostringstream os;
+    os << r;
+    EXPECT_EQ(os.str(), Kal::valueToStrep(r).stringValue());
+    EXPECT_EQ(Kal::strepToValue<Strata::Fib::Route>(Kal::valueToStrep(r)), r);
+
+    Strata::Fib6::Route const r6(Velnet::Ip6Prefix::fromString("2001:db8::/32"), FecId(U64(1) << 60),
+                                 Routing6::Fib::unknown_);
+    EXPECT_EQ(Kal::valueToStrep(r6),
+              Kal::String8("Value('Strata::Fib6::Route', ** {'prefix': '2001:db8::/32', 'fecId': "
+                           "Value('Strata::Fib::FecId', ** {'value': 1152921504606846976}), "
+                           "'routeType': 13})"));
+    EXPECT_EQ(Kal::strepToValue<Strata::Fib6::Route>(Kal::valueToStrep(r6)), r6);
+}
+
+TEST(RecordTextTest, FecPrintsItsViaPositions) {
+    auto f = std::make_unique<Strata::Fib::Fec>(FecId(7));
+    EXPECT_EQ(Kal::valueToStrep(*f),
+              Kal::String8("Value('Strata::Fib::Fec', ** {'fecId': Value('Strata::Fib::FecId', "
+                           "** {'value': 7}), 'fecType': 0, 'nexthopGroupId': 65535, 'via': {}})"));
+    f->viaIs(0, Strata::Fib::Via(Velnet::IpAddr(10, 0, 0, 1), IntfId(IntfKind::ethernet_, 1)));
+    f->viaIs(3, Strata::Fib::Via(Velnet::IpAddr(10, 0, 0, 4), IntfId(IntfKind::ethernet_, 4), 3));
+    f->fecTypeIs(Strata::Fib::nextHopGroup_);
+    f->nexthopGroupIdIs(12);
+    EXPECT_EQ(Kal::valueToStrep(*f),
+              Kal::String8("Value('Strata::Fib::Fec', ** {'fecId': Value('Strata::Fib::FecId', "
+                           "** {'value': 7}), 'fecType': 5, 'nexthopGroupId': 12, 'via': "
+                           "{0: '10.0.0.1%Ethernet1', 3: '10.0.0.4%Ethernet4 label 3'}})"));
+    auto back = std::make_unique<Strata::Fib::Fec>();
+    *back = Kal::strepToValue<Strata::Fib::Fec>(Kal::valueToStrep(*f));
+    EXPECT_EQ(*back, *f);
+}
+
+TEST(RecordTextTest, FecTextRoundTripsForRandomFecs) {
+    unsigned const seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 rng(seed);
+    for (int i = 0; i < 50; ++i) {
+        auto f = std::make_unique<Strata::Fib6::Fec>(FecId(rng()));
+        f->fecTypeIs(U8(rng() % 7));
+        f->nexthopGroupIdIs(U16(rng()));
+        for (U32 n = rng() % 128; n > 0; --n) {
+            f->viaIs(rng() % 128, Strata::Fib6::Via(Velnet::Ip6Addr(U16(rng()), 0, 0, 0, 0, 0, 0,
+                                                                    U16(rng())),
+                                                    IntfId(IntfKind::vlan_, 1 + rng() % 4094),
+                                                    rng() % 3 ? 0 : rng()));
+        }
+        auto back = std::make_unique<Strata::Fib6::Fec>(
+            Kal::strepToValue<Strata::Fib6::Fec>(Kal::valueToStrep(*f)));
+        ASSERT_EQ(*back, *f) << Kal::valueToStrep(*f);
+    }
+}
+
+TEST(RecordTextTest, BadRecordTextIsRefusedWithItsReason) {
+    std::string const head = "Value('Strata::Fib::Fec', ** {'via': {";
+    std::string m = parseError([&] {
+        Kal::strepToValue<Strata::Fib::Fec>(head + "128: '1.1.1.1%Ethernet1'}})");
+    });
+    EXPECT_EQ(m.rfind("ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed", 0), 0u) << m;
+    m = parseError([&] {
+        Kal::strepToValue<Strata::Fib::Fec>(head + "1: '1.1.1.1%Ethernet1', 1: '1.1.1.2%Ethernet1'}})");
+    });
+    EXPECT_EQ(m.rfind("duplicate via position 1", 0), 0u) << m;
+    m = parseError([&] { Kal::strepToValue<Strata::Fib::Fec>(head + "0: '1.1.1.1'}})"); });
+    EXPECT_EQ(m.rfind("invalid Strata::Fib::Via '1.1.1.1'", 0), 0u) << m;
+    EXPECT_EQ(parseError([] {
+                  Kal::strepToValue<Strata::Fib::Route>("Value('Strata::Fib::Route', ** {'hop': 1})");
+              }),
+              "Route has no such attribute: hop");
+    EXPECT_EQ(parseError([] {
+                  Kal::strepToValue<Strata::Fib::Route>("Value('Strata::Fib::Route', ** {'fecId': ");
+              }),
+              "premature end of value type Route");
+    m = parseError([] {
+        Kal::strepToValue<Strata::Fib::Route>(
+            "Value('Strata::Fib::Route', ** {'prefix': '10.0.0.1/24'})");
+    });
+    EXPECT_NE(m.find("invalid IPv4 prefix '10.0.0.1/24'"), std::string::npos) << m;
+    m = parseError([] { Kal::strepToValue<FecId>("Value('Strata::Fib::FecId', ** {'value': -1})"); });
+    EXPECT_NE(m.find("expected U64"), std::string::npos) << m;
+    m = parseError([] { Kal::strepToValue<Strata::Fib::ViaIndex>("128"); });
+    EXPECT_EQ(m, "ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed");
+    EXPECT_EQ(Kal::strepToValue<Strata::Fib::ViaIndex>("127"), Strata::Fib::ViaIndex(127));
+}
+
+TEST(RecordTextTest, ReflectionReadsRecordAttributes) {
+    Strata::Fib::Route r(Velnet::Prefix::fromString("10.9.0.0/16"), FecId(99), Routing::Fib::rip_);
+    auto const& type = Kal::kalTypeOf<Strata::Fib::Route>();
+    Kal::Ptr<Kal::GenericIf> gi = new Kal::GenericIf(type, &r, true);
+    Kal::GenericValue v;
+    gi->attributeOp(Kal::GenericIf::opOf(gi->attributeId("fecId"), Kal::GenericIf::read_), {}, v);
+    EXPECT_EQ(v.as<FecId>("fecId"), FecId(99));
+    gi->attributeOp(Kal::GenericIf::opOf(gi->attributeId("prefix"), Kal::GenericIf::read_), {}, v);
+    EXPECT_EQ(v.as<Velnet::Prefix>("prefix"), r.prefix());
+    EXPECT_EQ(gi->attributeString(gi->attributeId("routeType")), Kal::String8("6"));
+    EXPECT_EQ(type.attributes(), 3u);
+
+    auto f = std::make_unique<Strata::Fib::Fec>(FecId(1));
+    f->viaIs(4, Strata::Fib::Via(Velnet::IpAddr(1, 1, 1, 1), IntfId(IntfKind::ethernet_, 2)));
+    Kal::Ptr<Kal::GenericIf> fi = new Kal::GenericIf(Kal::kalTypeOf<Strata::Fib::Fec>(), f.get(), true);
+    Kal::AttributeId const via = fi->attributeId("via");
+    fi->attributeOp(Kal::GenericIf::opOf(via, Kal::GenericIf::size_), {}, v);
+    EXPECT_EQ(v.as<U32>("size"), 1u);
+    fi->attributeOp(Kal::GenericIf::opOf(via, Kal::GenericIf::lookup_),
+                    Kal::GenericValue::of(Strata::Fib::ViaIndex(4)), v);
+    EXPECT_EQ(v.as<Strata::Fib::Via>("via"), f->via(4));
+}
+
+} // namespace
