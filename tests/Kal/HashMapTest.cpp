@@ -519,8 +519,10 @@ TEST_F(HashMapTest, CopiesAreMadeOfNewMembersInTheSameStructure) {
     EXPECT_EQ(target.buckets(), 1u);
     EXPECT_EQ(target.verify(), "");
     EXPECT_TRUE(smallCopy == small);
-    target = target;
+    Map& alias = target;
+    target = alias;
     EXPECT_EQ(target.members(), 1u);
+    EXPECT_EQ(target.verify(), "");
 }
 
 TEST_F(HashMapTest, EqualityIgnoresInsertionOrderButNotValues) {
