@@ -42,12 +42,21 @@
 // A bucket holds exactly the members whose hashes share its top bits, so buckets in index
 // order, each chain in order, visit every member in one global order: ascending (h, key).
 //
-// Why resizing never re-sorts. Doubling the bucket count splits bucket b into the buckets
-// 2b and 2b+1, told apart by the next bit of h. In a chain sorted by h the members with
-// that bit clear all come before those with it set, so the split is a cut of the chain into
-// consecutive runs: no member moves relative to another, and no link is rewritten except
-// at the cut. Halving joins buckets 2b and 2b+1 by linking the end of the first chain to the
-// start of the second, which is again in order. The global order does not change.
+// Why resizing never re-sorts. Growing from 2^k to 2^(k+d) buckets splits bucket b into
+// the buckets b*2^d ... b*2^d + 2^d - 1, told apart by the next d bits of h. A chain sorted
+// by h holds the members of those buckets in that order, one run after another, so the
+// split only cuts the chain between runs: no member moves relative to another and no link
+// changes except at the cuts. Shrinking joins the chains of 2^d consecutive buckets by
+// linking the end of each to the start of the next, which is again in order. The global
+// order does not change, and a resize costs one pass over the members and no reference
+// counting except at the joins.
+//
+// Lookup. operator[] scans the key's chain for the key and returns the first member that
+// has it. It does not stop early at the first member past the key's position: the answer
+// is the same (members sort before the key's position or have the key or come after it,
+// in that order), chains are short under the load bound, and the order test, a hash
+// computation and an unpredictable branch per member, made lookups up to twice as slow.
+// Insertion, startAtHash and findNext do walk by position.
 //
 // Iterators. An iterator holds the map, a counted pointer to the member it stands on, that
 // member's bucket index (-1 at the end) and the map's version when it last moved. While the
@@ -58,7 +67,9 @@
 // safe and the walk continues with the next one; members inserted during a walk are seen
 // if and only if they sort after the iterator. (A walk that had to look its successor up
 // steps over later members with the same key: keys are meant to be unique, equal keys are
-// only tolerated.)
+// only tolerated.) Counting costs a step two atomic read-modify-writes, which is most of
+// a step through a map that is in cache; read-only passes that change nothing may use
+// forEachMember, which counts nothing.
 //
 // Member classes
 // --------------
@@ -286,6 +297,7 @@ class HashMapRaw {
   private:
     U64 capacity(U32 bucketCount) const noexcept;
     U32 fit(U32 members) const noexcept;
+    bool belowMinimumLoad() const noexcept;
     void maybeGrow() noexcept;
     void maybeShrink() noexcept;
     void resize(U32 bucketCount) noexcept;
@@ -376,7 +388,42 @@ class HashMap {
     IteratorConst begin() const { return IteratorConst(*this); }
     std::default_sentinel_t end() const noexcept { return {}; }
 
+    // Calls f(member) for every member in map order, without counting them: the walk must
+    // not change the map (checked in debug builds). For read-only passes over big maps.
+    template <class F>
+    void forEachMember(F&& f) const {
+        [[maybe_unused]] U32 const version = raw_.version();
+        U32 const buckets = raw_.buckets();
+        if (buckets >= walkGroup) {
+            // Gather the heads of a group of buckets without a branch per bucket (an empty
+            // bucket is as likely as a full one, so that branch would mispredict half the
+            // time), then walk their chains.
+            Member const* heads[walkGroup];
+            for (U32 g = 0; g < buckets; g += walkGroup) {
+                U32 n = 0;
+                for (U32 i = 0; i < walkGroup; ++i) {
+                    heads[n] = down(raw_.head(g + i));
+                    n += heads[n] != nullptr;
+                }
+                for (U32 i = 0; i < n; ++i) {
+                    for (Member const* m = heads[i]; m; m = m->fwkHmNext()) {
+                        f(*m);
+                        KAL_DASSERT(raw_.version() == version);
+                    }
+                }
+            }
+            return;
+        }
+        for (U32 b = 0; b < buckets; ++b) {
+            for (Member const* m = down(raw_.head(b)); m; m = m->fwkHmNext()) {
+                f(*m);
+                KAL_DASSERT(raw_.version() == version);
+            }
+        }
+    }
+
   private:
+    static constexpr U32 walkGroup = 32;
     static Member* down(PtrInterface* p) noexcept { return static_cast<Member*>(p); }
     static Member const* down(PtrInterface const* p) noexcept {
         return static_cast<Member const*>(p);
@@ -389,8 +436,6 @@ class HashMap {
         U32 const h = hashOf(key);
         for (Member* m = down(raw_.head(raw_.bucketOf(h))); m; m = m->fwkHmNext()) {
             if (key == m->fwkKey()) return m;
-            U32 const mh = VTable::hash(*m);
-            if (mh > h || (mh == h && kalKeyLessThan(key, m->fwkKey()))) return nullptr;
         }
         return nullptr;
     }

@@ -519,8 +519,10 @@ TEST_F(HashMapTest, CopiesAreMadeOfNewMembersInTheSameStructure) {
     EXPECT_EQ(target.buckets(), 1u);
     EXPECT_EQ(target.verify(), "");
     EXPECT_TRUE(smallCopy == small);
-    target = target;
+    Map& alias = target;
+    target = alias;
     EXPECT_EQ(target.members(), 1u);
+    EXPECT_EQ(target.verify(), "");
 }
 
 TEST_F(HashMapTest, EqualityIgnoresInsertionOrderButNotValues) {
@@ -577,6 +579,22 @@ TEST_F(HashMapTest, ConstIteratorsAndIteratorsStartingAtAKey) {
     EXPECT_EQ(seen, std::vector<U64>(order.begin() + 40, order.end()));
     Map::IteratorConst fromMutable = map.iterator();
     EXPECT_EQ(fromMutable.key(), order[0]);
+}
+
+TEST_F(HashMapTest, ForEachMemberVisitsEveryMemberInMapOrderWithoutCounting) {
+    std::mt19937_64 rng(31);
+    // Small maps walk bucket by bucket, bigger ones gather bucket heads in groups.
+    for (size_t n : {0, 3, 20, 1000}) {
+        auto const keys = randomKeys(rng, n);
+        Map map;
+        for (U64 k : keys) insert(map, k);
+        std::vector<U64> seen;
+        map.forEachMember([&](Entry const& e) {
+            seen.push_back(e.fwkKey());
+            EXPECT_EQ(e.references(), 1u);
+        });
+        EXPECT_EQ(seen, inMapOrder(keys)) << n << " members in " << map.buckets() << " buckets";
+    }
 }
 
 TEST_F(HashMapTest, VerifyNamesTheBrokenInvariant) {
