@@ -4,6 +4,7 @@
 // succeeds or raises Kal::RangeException; a value that was read prints to a text that reads
 // back to an equal value. Anything else (a crash, another exception, a round trip that does
 // not hold) is a finding.
+#include "fwk/FibHelper.h"
 #include "kalgen/GenTest.h"
 
 #include "Kal/SerDes.h"
@@ -48,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     if (size == 0) return 0;
     std::string const text(reinterpret_cast<char const*>(data) + 1, size - 1);
     Kal::String8 const s(text);
-    switch (data[0] % 12) {
+    switch (data[0] % 14) {
     case 0: roundTrip<KalTest::Point>(s); break;
     case 1: roundTrip<KalTest::Bag>(s); break;
     case 2: roundTrip<KalTest::Hop>(s); break;
@@ -61,6 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     case 9: netRoundTrip<Velnet::Prefix>(text); break;
     case 10: netRoundTrip<Velnet::Ip6Prefix>(text); break;
     case 11: netRoundTrip<Velnet::IntfId>(text); break;
+    case 12: roundTrip<Ridge::ViaSet>(s); break;
+    case 13: roundTrip<Ridge::Via6Set>(s); break;
     }
     return 0;
 }
