@@ -245,6 +245,9 @@ class HashMapRaw {
     // A copy of every member (clones), in the same bucket structure.
     HashMapRaw(HashMapRaw const& other);
     HashMapRaw& operator=(HashMapRaw const& other);
+    // Takes the members over; other is left empty, with one bucket.
+    HashMapRaw(HashMapRaw&& other) noexcept;
+    HashMapRaw& operator=(HashMapRaw&& other) noexcept;
     ~HashMapRaw();
 
     U32 version() const noexcept { return version_; }
@@ -334,7 +337,7 @@ class HashMap {
     Member* operator[](Key const& key) noexcept { return find(key); }
     Member const* operator[](Key const& key) const noexcept { return find(key); }
 
-    // Inserts t, which must not be linked to anything, after every member at or before
+    // Inserts t, which must not be linked to anything nor be a member of a map, after every member at or before
     // its position; `hash` is hashOf(t's key). The map takes a reference to t.
     void newMember(Member* t, U32 hash) {
         KAL_ASSERT(t->fwkHmNext() == 0);
