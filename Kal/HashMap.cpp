@@ -362,7 +362,9 @@ String8 HashMapRaw::verify() const {
                 return String8("member in bucket " + text(b) + " belongs in bucket " +
                                text(home));
             }
-            if (prev && (h < prevHash || (h == prevHash && ops_->keyLessThan(ops_->key(m), prev)))) {
+            bool const outOfOrder =
+                prev && (h < prevHash || (h == prevHash && ops_->keyLessThan(ops_->key(m), prev)));
+            if (outOfOrder) {
                 return String8("chain of bucket " + text(b) +
                                " is out of (hash, key) order at member " + text(seen));
             }
