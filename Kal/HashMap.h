@@ -9,8 +9,8 @@
 // rewires chains (insert, delete, resize, findNext, copy, equality, verify) lives once, in
 // HashMapRaw (HashMap.cpp), and reaches the members through a table of operations
 // (HashMapOps) that HashMapVTable fills per instantiation. The typed HashMap<Member, Key> is
-// a thin layer over it; only the lookup and the iterator's plain step are inlined, because
-// they are the hot paths and cost no more code than a call.
+// a thin layer over it; only the hot paths are inlined there (the lookup, the iterator's
+// plain step, forEachMember), each about the size of the call it replaces.
 //
 //   HashMapRaw
 //     ops_          -> HashMapOps of the instantiation (typed thunks, one static table)
@@ -251,6 +251,9 @@ class HashMapRaw {
     // A copy of every member (clones), in the same bucket structure.
     HashMapRaw(HashMapRaw const& other);
     HashMapRaw& operator=(HashMapRaw const& other);
+    // Takes the members over; other is left empty, with one bucket.
+    HashMapRaw(HashMapRaw&& other) noexcept;
+    HashMapRaw& operator=(HashMapRaw&& other) noexcept;
     ~HashMapRaw();
 
     U32 version() const noexcept { return version_; }
@@ -340,8 +343,8 @@ class HashMap {
     Member* operator[](Key const& key) noexcept { return find(key); }
     Member const* operator[](Key const& key) const noexcept { return find(key); }
 
-    // Inserts t, which must not be linked to anything, after every member at or before
-    // its position; `hash` is hashOf(t's key). The map takes a reference to t.
+    // Inserts t after every member at or before its position; t must be linked to nothing
+    // and belong to no map, and `hash` is hashOf(t's key). The map takes a reference to t.
     void newMember(Member* t, U32 hash) {
         KAL_ASSERT(t->fwkHmNext() == 0);
         KAL_DASSERT(hash == hashOf(t->fwkKey()));
@@ -429,9 +432,8 @@ class HashMap {
         return static_cast<Member const*>(p);
     }
 
-    // The lookup walk of the chain, inlined: members before the key's position are passed,
-    // the first one with the key is the answer, and the first one after the position ends
-    // the search.
+    // The lookup, inlined: the first member of the key's chain that has the key (see
+    // "Lookup" at the top of this file).
     Member* find(Key const& key) const noexcept {
         U32 const h = hashOf(key);
         for (Member* m = down(raw_.head(raw_.bucketOf(h))); m; m = m->fwkHmNext()) {

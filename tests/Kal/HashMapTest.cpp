@@ -525,6 +525,36 @@ TEST_F(HashMapTest, CopiesAreMadeOfNewMembersInTheSameStructure) {
     EXPECT_EQ(target.verify(), "");
 }
 
+TEST_F(HashMapTest, MovingAMapTakesItsMembersOverWithoutCopies) {
+    std::mt19937_64 rng(23);
+    auto const keys = randomKeys(rng, 100);
+    for (U32 initial : {1u, 256u}) {
+        Map map(initial);
+        for (U64 k : keys) insert(map, k, k);
+        Entry* first = map.iterator().ptr();
+        Map moved(std::move(map));
+        EXPECT_EQ(memberCopies, 0);
+        EXPECT_EQ(moved.iterator().ptr(), first);
+        EXPECT_EQ(keysOf(moved), inMapOrder(keys));
+        EXPECT_EQ(moved.verify(), "");
+        EXPECT_EQ(map.members(), 0u);
+        EXPECT_EQ(map.verify(), "");
+        insert(map, 1); // the moved-from map is usable
+
+        // Move-assignment releases what the target held.
+        Map target;
+        for (U64 k = 0; k < 20; ++k) insert(target, k);
+        EXPECT_EQ(liveMembers, 100 + 1 + 20);
+        target = std::move(moved);
+        EXPECT_EQ(liveMembers, 100 + 1);
+        EXPECT_EQ(keysOf(target), inMapOrder(keys));
+        EXPECT_EQ(target.verify(), "");
+        EXPECT_EQ(moved.members(), 0u);
+        EXPECT_EQ(moved.buckets(), 1u);
+        EXPECT_EQ(moved.verify(), "");
+    }
+}
+
 TEST_F(HashMapTest, EqualityIgnoresInsertionOrderButNotValues) {
     std::mt19937_64 rng(22);
     auto keys = randomKeys(rng, 300);
