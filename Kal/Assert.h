@@ -20,6 +20,13 @@ namespace Kal {
     ((cond) ? static_cast<void>(0)                                             \
             : ::Kal::assertFail(#cond, __FILE__, __LINE__, __PRETTY_FUNCTION__))
 
+// KAL_ASSERT_AS(cond, "text"): KAL_ASSERT for code shared between several callers that
+// checks on their behalf; `text` is reported as the condition, spelled as the callers' own
+// contract states it ("status()").
+#define KAL_ASSERT_AS(cond, text)                                                              \
+    ((cond) ? static_cast<void>(0)                                                             \
+            : ::Kal::assertFail(text, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+
 #ifdef NDEBUG
 #define KAL_DASSERT(cond) static_cast<void>(0)
 #else

@@ -132,6 +132,7 @@ class CollIterator {
     explicit CollIterator(Inner it) : it_(std::move(it)) {}
     decltype(auto) key() const { return it_.key(); }
     decltype(auto) value() const { return it_->fwkValue(); }
+    decltype(auto) operator*() const { return it_->fwkValue(); }
     auto ptr() const {
         if constexpr (IsPtr<std::remove_cvref_t<decltype(it_->fwkValue())>>::value) {
             return it_->fwkValue().ptr();
