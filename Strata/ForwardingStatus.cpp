@@ -1,0 +1,381 @@
+#include "Strata/ForwardingStatus.h"
+
+#include "Kal/Assert.h"
+#include "Strata/Exception.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace Strata {
+
+namespace {
+
+// How a FEC sits in a slot (Strata/StrataLayout.h gives the slot head and the protocol):
+//
+//   byte 0   gen (U32)
+//        4   state (U8, live)   5 fecType (U8)   6 posEnd (U8, 0-128)   7 flags (bit 0: sparse)
+//        8   fecId (U64)
+//       16   nexthopGroupId (U16)   18 via count (U16)
+//   dense (the vias sit at positions 0 .. posEnd-1):
+//       20   Via[posEnd]
+//   sparse (holes below posEnd):
+//       20   U32 viaMask[4], bit i set when position i holds a via
+//       36   Via[posEnd], the empty Via() at the holes
+//
+// Size class c holds the vias of positions 0 .. 2^c - 1 of a dense FEC; the largest class
+// also has room for the bitmap. A FEC goes into the smallest class its bytes fit in, so a
+// sparse FEC may need the class above its dense size.
+template <class FecT>
+struct FecCodec {
+    using V = typename FecT::Via;
+    static constexpr U32 viaBytes = sizeof(V);
+    static constexpr U32 denseHead = 20;
+    static constexpr U32 sparseHead = 36;
+    static constexpr U32 classes = FecCapacity::classes;
+
+    static constexpr U32 slotSize(U32 cls) noexcept {
+        U32 const bytes = cls + 1 < classes ? denseHead + (U32(1) << cls) * viaBytes
+                                            : sparseHead + FecT::maxVias * viaBytes;
+        return U32(layout::alignUp(bytes, 8));
+    }
+    static constexpr U32 need(U32 posEnd, bool sparse) noexcept {
+        return (sparse ? sparseHead : denseHead) + posEnd * viaBytes;
+    }
+    static U32 classFor(U32 bytes) noexcept {
+        for (U32 c = 0; c < classes; ++c) {
+            if (slotSize(c) >= bytes) return c;
+        }
+        KAL_ASSERT(bytes <= slotSize(classes - 1));
+        return classes - 1;
+    }
+    static U32 classOf(FecT const& f) noexcept {
+        U32 const end = f.viaEnd();
+        return classFor(need(end, f.vias() != end));
+    }
+
+    // The slot image of f (slotSize(cls) bytes, zero where nothing is stored); returns cls.
+    static U32 encode(FecT const& f, U32* w) noexcept {
+        U32 const end = f.viaEnd();
+        U32 const count = f.vias();
+        bool const sparse = count != end;
+        U32 const cls = classFor(need(end, sparse));
+        std::memset(w, 0, slotSize(cls));
+        w[1] = U32(layout::live_) | U32(U8(f.fecType())) << 8 | end << 16 | U32(sparse) << 24;
+        Fib::FecId const id = f.fecId();
+        std::memcpy(w + 2, &id, sizeof id);
+        w[4] = U32(f.nexthopGroupId()) | count << 16;
+        U32 off = denseHead;
+        if (sparse) {
+            for (U32 k = 0; k < 4; ++k) w[5 + k] = f.viaMaskWord(k);
+            off = sparseHead;
+        }
+        // Unset positions hold the empty via in a Fec, so the array copies as it is.
+        if (end) std::memcpy(reinterpret_cast<U8*>(w) + off, &f.via(0), end * viaBytes);
+        return cls;
+    }
+
+    static char const* check(U32 const* w, U32 words) noexcept {
+        U32 const meta = w[1];
+        U32 const end = (meta >> 16) & 0xFF;
+        U32 const flags = meta >> 24;
+        U32 const count = w[4] >> 16;
+        if (flags & ~1u) return "unknown FEC flags";
+        if (end > FecT::maxVias) return "via positions beyond 128";
+        bool const sparse = flags & 1;
+        if (need(end, sparse) > words * 4) return "vias beyond the end of the slot";
+        if (!sparse) return count == end ? nullptr : "via count differs from the dense positions";
+        U32 bits = 0;
+        for (U32 k = 0; k < 4; ++k) {
+            U32 const m = w[5 + k];
+            bits += U32(std::popcount(m));
+            U32 const lo = 32 * k;
+            // Positions at or above end must be clear.
+            if (end <= lo ? m != 0 : end < lo + 32 && (m >> (end - lo)) != 0) {
+                return "via bitmap beyond the last position";
+            }
+        }
+        if (bits != count) return "via bitmap disagrees with the via count";
+        if (end > 0 && !((w[5 + (end - 1) / 32] >> ((end - 1) % 32)) & 1)) {
+            return "last via position not in the bitmap";
+        }
+        return nullptr;
+    }
+
+    // f from a checked slot image.
+    static void decode(U32 const* w, FecT& f) noexcept {
+        f.viaDelAll();
+        U32 const meta = w[1];
+        U32 const end = (meta >> 16) & 0xFF;
+        bool const sparse = (meta >> 24) & 1;
+        Fib::FecId id;
+        std::memcpy(static_cast<void*>(&id), w + 2, sizeof id);
+        f.fecIdIs(id);
+        f.fecTypeIs(U8(meta >> 8));
+        f.nexthopGroupIdIs(U16(w[4]));
+        U8 const* vias = reinterpret_cast<U8 const*>(w) + (sparse ? sparseHead : denseHead);
+        for (U32 i = 0; i < end; ++i) {
+            if (sparse && !((w[5 + i / 32] >> (i % 32)) & 1)) continue;
+            V v;
+            std::memcpy(static_cast<void*>(&v), vias + i * viaBytes, viaBytes);
+            f.viaIs(i, v);
+        }
+    }
+
+    static TableShape makeShape(layout::TableKind kind, char const* suffix) noexcept {
+        TableShape s{};
+        s.kind = kind;
+        s.suffix = suffix;
+        s.keySize = sizeof(Fib::FecId);
+        s.viaSize = viaBytes;
+        s.recordSize = sizeof(FecT);
+        s.classCount = classes;
+        for (U32 c = 0; c < classes; ++c) s.slotSize[c] = slotSize(c);
+        s.directWriteSize = sizeof(FecT);
+        s.checkSlot = &check;
+        return s;
+    }
+};
+
+static_assert(FecCodec<Fib::Fec>::slotSize(0) == 32, "a one-via FEC takes 32 bytes");
+static_assert(FecCodec<Fib::Fec>::slotSize(7) <= SlotCopy::maxWords * 4);
+static_assert(FecCodec<Fib6::Fec>::slotSize(7) <= SlotCopy::maxWords * 4);
+
+template <class FecT>
+TableShape const& fecShape();
+template <>
+TableShape const& fecShape<Fib::Fec>() {
+    static TableShape const s = FecCodec<Fib::Fec>::makeShape(layout::TableKind::fib4Fec, "fib4-fec");
+    return s;
+}
+template <>
+TableShape const& fecShape<Fib6::Fec>() {
+    static TableShape const s =
+        FecCodec<Fib6::Fec>::makeShape(layout::TableKind::fib6Fec, "fib6-fec");
+    return s;
+}
+
+[[noreturn]] void throwNoMansLand() {
+    throw RuntimeException("StrataMap::directWrite() in no man's land");
+}
+
+Kal::KalType const& describeTable(char const* name) {
+    auto* t = new Kal::KalType(name, &Kal::entityType());
+    t->isEntityIs(true);
+    if (auto* r = Kal::IntrospectionReactor::global()) r->handleType(*t, &Kal::entityType());
+    return *t;
+}
+
+} // namespace
+
+FecCapacity FecCapacity::forFecs(U32 maxFecs) {
+    FecCapacity c;
+    c.maxFecs = maxFecs;
+    U32 const divisors[classes] = {1, 1, 1, 1, 4, 16, 64, 256};
+    for (U32 i = 0; i < classes; ++i) c.classFecs[i] = std::max(maxFecs / divisors[i], U32(4));
+    return c;
+}
+
+namespace detail {
+
+template <class FecT>
+FecTable<FecT>::FecTable(Kal::Name name) : StrataTable(std::move(name), fecShape<FecT>()) {}
+
+template <class FecT>
+void FecTable<FecT>::attach(std::string const& prefix, Access access, FecCapacity const& capacity,
+                            AttachOptions const& options) {
+    Capacity c;
+    c.maxRecords = capacity.maxFecs;
+    for (U32 i = 0; i < FecCapacity::classes; ++i) c.classCapacity[i] = capacity.classFecs[i];
+    attachTable(prefix, access, c, options);
+}
+
+template <class FecT>
+void FecTable<FecT>::fecIs(FecT const& fec) {
+    StrataMap& m = writable("write");
+    alignas(8) U32 words[SlotCopy::maxWords];
+    U32 const cls = FecCodec<FecT>::encode(fec, words);
+    m.put(cls, words);
+}
+
+template <class FecT>
+FecT* FecTable<FecT>::fecDirectWrite(Fib::FecId const& id) {
+    StrataMap* m = map();
+    if (m) m->checkWritable("write");
+    if (!m || (directWriteSlot_ && directWriteMap_ == m)) throwNoMansLand();
+    directWriteSlot_ = new (m->directWriteSlot()) FecT(id);
+    directWriteMap_ = m;
+    return directWriteSlot_;
+}
+
+template <class FecT>
+void FecTable<FecT>::fecCommit(FecT const* fec) {
+    StrataMap* m = map();
+    if (m) m->checkWritable("write");
+    if (!m || !directWriteSlot_ || directWriteMap_ != m) {
+        fecDirectWriteAbandon();
+        throwNoMansLand();
+    }
+    KAL_ASSERT(fec == directWriteSlot_);
+    FecT const* const slot = std::exchange(directWriteSlot_, nullptr);
+    directWriteMap_ = nullptr;
+    fecIs(*slot);
+}
+
+template <class FecT>
+void FecTable<FecT>::fecDirectWriteAbandon() noexcept {
+    directWriteSlot_ = nullptr;
+    directWriteMap_ = nullptr;
+}
+
+template <class FecT>
+bool FecTable<FecT>::fecDel(Fib::FecId const& id) {
+    return writable("remove").remove(&id);
+}
+
+template <class FecT>
+bool FecTable<FecT>::fec(Fib::FecId const& id, FecT& out) const {
+    StrataMap const* m = map();
+    if (!m) return false;
+    SlotCopy copy;
+    if (!m->find(&id, copy)) return false;
+    FecCodec<FecT>::decode(copy.word, out);
+    return true;
+}
+
+template <class FecT>
+std::optional<FecT> FecTable<FecT>::fec(Fib::FecId const& id) const {
+    std::optional<FecT> out(std::in_place);
+    if (!fec(id, *out)) out.reset();
+    return out;
+}
+
+template <class FecT>
+typename FecTable<FecT>::FecIteratorConst FecTable<FecT>::fecIteratorConst() const {
+    return FecIteratorConst(Kal::Ptr<StrataMap const>(map()));
+}
+
+template <class FecT>
+U32 FecTable<FecT>::fecs() const noexcept {
+    return map() ? map()->records() : 0;
+}
+template <class FecT>
+U32 FecTable<FecT>::fecCapacity() const noexcept {
+    return map() ? map()->maxRecords() : 0;
+}
+template <class FecT>
+U32 FecTable<FecT>::fecClassCapacity(U32 cls) const noexcept {
+    return map() ? map()->classCapacity(cls) : 0;
+}
+template <class FecT>
+U32 FecTable<FecT>::fecClassFecs(U32 cls) const noexcept {
+    return map() ? map()->classUsed(cls) : 0;
+}
+template <class FecT>
+U32 FecTable<FecT>::fecClassOf(FecT const& fec) noexcept {
+    return FecCodec<FecT>::classOf(fec);
+}
+
+template <class FecT>
+FecTable<FecT>::FecIteratorConst::FecIteratorConst(Kal::Ptr<StrataMap const> map)
+    : map_(std::move(map)) {
+    seek();
+}
+
+template <class FecT>
+FecTable<FecT>::FecIteratorConst::FecIteratorConst(FecIteratorConst const& o)
+    : map_(o.map_), cls_(o.cls_), slot_(o.slot_),
+      fec_(o.fec_ ? std::make_unique<FecT>(*o.fec_) : nullptr) {}
+
+template <class FecT>
+typename FecTable<FecT>::FecIteratorConst&
+FecTable<FecT>::FecIteratorConst::operator=(FecIteratorConst const& o) {
+    if (this != &o) {
+        map_ = o.map_;
+        cls_ = o.cls_;
+        slot_ = o.slot_;
+        fec_ = o.fec_ ? std::make_unique<FecT>(*o.fec_) : nullptr;
+    }
+    return *this;
+}
+
+template <class FecT>
+typename FecTable<FecT>::FecIteratorConst& FecTable<FecT>::FecIteratorConst::operator++() {
+    KAL_ASSERT(fec_);
+    seek();
+    return *this;
+}
+
+template <class FecT>
+void FecTable<FecT>::FecIteratorConst::seek() {
+    SlotCopy copy;
+    if (map_ && map_->nextLive(cls_, slot_, copy)) {
+        if (!fec_) fec_ = std::make_unique<FecT>();
+        FecCodec<FecT>::decode(copy.word, *fec_);
+        ++slot_;
+        return;
+    }
+    fec_.reset();
+    map_ = nullptr;
+}
+
+template class FecTable<Fib::Fec>;
+template class FecTable<Fib6::Fec>;
+
+} // namespace detail
+
+namespace Fib {
+
+ForwardingStatus::ForwardingStatus(Kal::Name name) : FecTable(std::move(name)) {}
+
+ForwardingStatus::Ptr ForwardingStatus::writer(std::string const& prefix,
+                                               FecCapacity const& capacity,
+                                               AttachOptions const& options) {
+    Ptr t = new ForwardingStatus(Kal::Name(prefix + "-fib4-fec"));
+    t->attach(prefix, Access::writer_, capacity, options);
+    return t;
+}
+
+ForwardingStatus::Ptr ForwardingStatus::reader(std::string const& prefix,
+                                               AttachOptions const& options) {
+    Ptr t = new ForwardingStatus(Kal::Name(prefix + "-fib4-fec"));
+    t->attach(prefix, Access::reader_, FecCapacity(), options);
+    return t;
+}
+
+Kal::KalType const& ForwardingStatus::_fwkType() {
+    static Kal::KalType const& type = describeTable("Strata::Fib::ForwardingStatus");
+    return type;
+}
+
+} // namespace Fib
+
+namespace Fib6 {
+
+ForwardingStatus::ForwardingStatus(Kal::Name name) : FecTable(std::move(name)) {}
+
+ForwardingStatus::Ptr ForwardingStatus::writer(std::string const& prefix,
+                                               FecCapacity const& capacity,
+                                               AttachOptions const& options) {
+    Ptr t = new ForwardingStatus(Kal::Name(prefix + "-fib6-fec"));
+    t->attach(prefix, Access::writer_, capacity, options);
+    return t;
+}
+
+ForwardingStatus::Ptr ForwardingStatus::reader(std::string const& prefix,
+                                               AttachOptions const& options) {
+    Ptr t = new ForwardingStatus(Kal::Name(prefix + "-fib6-fec"));
+    t->attach(prefix, Access::reader_, FecCapacity(), options);
+    return t;
+}
+
+Kal::KalType const& ForwardingStatus::_fwkType() {
+    static Kal::KalType const& type = describeTable("Strata::Fib6::ForwardingStatus");
+    return type;
+}
+
+} // namespace Fib6
+
+} // namespace Strata

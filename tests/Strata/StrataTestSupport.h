@@ -1,0 +1,130 @@
+// Helpers shared by the Strata table tests: unique table prefixes whose files are removed at
+// the end of the test, the path of the helper program that plays other processes, and
+// running it.
+#pragma once
+
+#include "Strata/Strata.h"
+#include "helper/SelfCheck.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace strata_test {
+
+// A table prefix no other test (or concurrent test run) uses: "sttest-<pid>-<n>". Its files
+// are removed when the guard goes out of scope, and before use (a crashed earlier run).
+class TablePrefix {
+  public:
+    TablePrefix() {
+        static int counter = 0;
+        name_ = "sttest-" + std::to_string(::getpid()) + "-" + std::to_string(++counter);
+        Strata::StrataTable::removeFiles(name_);
+    }
+    ~TablePrefix() { Strata::StrataTable::removeFiles(name_); }
+    TablePrefix(TablePrefix const&) = delete;
+    TablePrefix& operator=(TablePrefix const&) = delete;
+
+    std::string const& str() const { return name_; }
+    operator std::string const&() const { return name_; }
+    std::string file(char const* suffix) const {
+        return std::string(Strata::defaultDirectory) + "/" + name_ + "-" + suffix;
+    }
+
+  private:
+    std::string name_;
+};
+
+inline bool fileExists(std::string const& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+inline std::string readFile(std::string const& path) {
+    std::string out;
+    int const fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) return out;
+    char buf[4096];
+    for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0;) out.append(buf, std::size_t(n));
+    ::close(fd);
+    return out;
+}
+
+inline std::string helperPath() { return STRATA_HELPER; }
+
+// Starts the helper with these arguments; its stdout goes to `out` (a pipe) when asked for.
+inline pid_t spawnHelper(std::vector<std::string> const& args, int* stdoutFd = nullptr) {
+    int pipeFds[2] = {-1, -1};
+    if (stdoutFd && ::pipe(pipeFds) != 0) return -1;
+    pid_t const pid = ::fork();
+    if (pid == 0) {
+        if (stdoutFd) {
+            ::dup2(pipeFds[1], 1);
+            ::close(pipeFds[0]);
+            ::close(pipeFds[1]);
+        }
+        std::vector<char*> argv;
+        std::string const path = helperPath();
+        argv.push_back(const_cast<char*>(path.c_str()));
+        for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        ::execv(path.c_str(), argv.data());
+        ::_exit(127);
+    }
+    if (stdoutFd) {
+        ::close(pipeFds[1]);
+        *stdoutFd = pipeFds[0];
+    }
+    return pid;
+}
+
+// Waits for the child; its exit status (128 + signal when killed).
+inline int waitChild(pid_t pid) {
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid) return -1;
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+// Reads everything the child writes to the pipe until it closes it.
+inline std::string drain(int fd) {
+    std::string out;
+    char buf[1024];
+    for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0;) out.append(buf, std::size_t(n));
+    ::close(fd);
+    return out;
+}
+
+// Reads one line (without the newline) from the pipe.
+inline std::string readLine(int fd) {
+    std::string line;
+    char c;
+    while (::read(fd, &c, 1) == 1 && c != '\n') line += c;
+    return line;
+}
+
+// True when an environment variable asks for the long stress runs.
+inline bool stressRequested() {
+    char const* s = std::getenv("STRATA_STRESS");
+    return s && *s && std::string(s) != "0";
+}
+
+// Small capacities: every class holds `perClass` FECs.
+inline Strata::FecCapacity smallFecCapacity(U32 maxFecs, U32 perClass) {
+    Strata::FecCapacity c;
+    c.maxFecs = maxFecs;
+    c.classFecs.fill(perClass);
+    return c;
+}
+
+} // namespace strata_test
