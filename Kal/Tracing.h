@@ -289,23 +289,33 @@ class TraceText {
 #define KAL_TRACE_OBJECT(level, object, ...)                                                       \
     KAL_TRACE_OBJECT_TO(_defaultTraceHandle(), _defaultTraceSource(), object, level, __VA_ARGS__)
 
+// A trace statement of this file's facility made by shared code on behalf of the operation
+// `function` (its short name, as the record's location gives it).
+#define KAL_TRACE_IN(function, level, ...)                                                         \
+    KAL_TRACE_CORE(_defaultTraceHandle(), _defaultTraceSource(), function, ::std::string_view(),   \
+                   level, __VA_ARGS__)
+
 // The same with an explicit handle and source name.
 #define KAL_TRACE_TO(handle, source, level, ...)                                                   \
     KAL_TRACE_OBJECT_TO(handle, source, ::std::string_view(), level, __VA_ARGS__)
 
+#define KAL_TRACE_OBJECT_TO(handle, source, object, level, ...)                                    \
+    KAL_TRACE_CORE(handle, source, __func__, object, level, __VA_ARGS__)
+
+// The statement itself.
 //
 // The composing code sits in a lambda kept out of line and marked cold, so that the
 // statement adds to its function only the level test, the coverage test and a branch (no
 // stream object in its frame, no calls on its fast path). The function name is taken
 // outside the lambda: inside it, __func__ would name the lambda.
-#define KAL_TRACE_OBJECT_TO(handle, source, object, level, ...)                                    \
+#define KAL_TRACE_CORE(handle, source, function, object, level, ...)                               \
     do {                                                                                           \
         ::Kal::TraceHandle const& kalTraceHandle_ = (handle);                                      \
         int const kalTraceLevel_ = (level);                                                        \
         bool const kalTraceOn_ = kalTraceHandle_.enabled(kalTraceLevel_);                          \
         if (kalTraceOn_ || ::Kal::coverageStream_.load(::std::memory_order_relaxed) != nullptr)    \
             [[unlikely]] {                                                                         \
-            char const* const kalTraceFunction_ = __func__;                                        \
+            char const* const kalTraceFunction_ = (function);                                      \
             [&]() __attribute__((noinline, cold)) {                                                \
                 ::Kal::TraceText kalTraceText_;                                                    \
                 kalTraceText_ << __VA_ARGS__;                                                      \
