@@ -299,23 +299,31 @@ KalAttrOps kalPlainOps() {
     return ops;
 }
 
-// A keyed collection: size, lookup, keys, insert (through the write rule), erase, erase
-// all; prints as None and reads None.
-template <class T, class K, class V, auto MapOf, auto SetFn, auto DelFn, auto DelAllFn>
-KalAttrOps kalCollOps() {
+// What every collection attribute offers: it prints as None and reads None, and has a size
+// and its keys in the collection's order.
+template <class T, class K, auto MapOf>
+KalAttrOps kalCollectionCommonOps() {
     KalAttrOps ops;
     ops.print = [](void const*, std::ostream& os) { os << "None"; };
     ops.parse = [](void*, TextIt& pos, TextIt end) { text::expect(pos, end, "None"); };
     ops.size = [](void const* o) { return (static_cast<T const*>(o)->*MapOf)().members(); };
-    ops.lookup = [](void const* o, GenericValue const& k, GenericValue& r) {
-        auto const& m = (static_cast<T const*>(o)->*MapOf)();
-        auto const* mem = m[k.template as<K>("kal_index")];
-        r = mem ? kalGeneric<V>(mem->fwkValue()) : GenericValue();
-    };
     ops.keys = [](void const* o, std::vector<GenericValue>& out) {
         auto const& m = (static_cast<T const*>(o)->*MapOf)();
         out.reserve(out.size() + m.members());
         for (auto it = m.iterator(); it; ++it) out.push_back(GenericValue::of(K(it.key())));
+    };
+    return ops;
+}
+
+// A keyed collection: the common operations, lookup, insert (through the write rule), erase,
+// erase all.
+template <class T, class K, class V, auto MapOf, auto SetFn, auto DelFn, auto DelAllFn>
+KalAttrOps kalCollOps() {
+    KalAttrOps ops = kalCollectionCommonOps<T, K, MapOf>();
+    ops.lookup = [](void const* o, GenericValue const& k, GenericValue& r) {
+        auto const& m = (static_cast<T const*>(o)->*MapOf)();
+        auto const* mem = m[k.template as<K>("kal_index")];
+        r = mem ? kalGeneric<V>(mem->fwkValue()) : GenericValue();
     };
     if constexpr (!std::is_null_pointer_v<decltype(SetFn)>) {
         ops.insert = [](void* o, GenericValue const& k, GenericValue const& v) {
@@ -333,19 +341,12 @@ KalAttrOps kalCollOps() {
 // An ordered collection of entities keyed by K.
 template <class T, class K, auto MapOf, auto DelFn, auto DelAllFn>
 KalAttrOps kalOrderedOps() {
-    KalAttrOps ops;
-    ops.print = [](void const*, std::ostream& os) { os << "None"; };
-    ops.parse = [](void*, TextIt& pos, TextIt end) { text::expect(pos, end, "None"); };
-    ops.size = [](void const* o) { return (static_cast<T const*>(o)->*MapOf)().members(); };
+    KalAttrOps ops = kalCollectionCommonOps<T, K, MapOf>();
     ops.lookup = [](void const* o, GenericValue const& k, GenericValue& r) {
         auto const& m = (static_cast<T const*>(o)->*MapOf)();
         auto const* mem = m[k.template as<K>("kal_index")];
         using M = std::remove_cvref_t<decltype(*mem)>;
         r = mem ? GenericValue::ofPtr(Ptr<M const>(mem)) : GenericValue();
-    };
-    ops.keys = [](void const* o, std::vector<GenericValue>& out) {
-        auto const& m = (static_cast<T const*>(o)->*MapOf)();
-        for (auto it = m.iterator(); it; ++it) out.push_back(GenericValue::of(K(it.key())));
     };
     ops.erase = [](void* o, GenericValue const& k) {
         (static_cast<T*>(o)->*DelFn)(k.template as<K>("kal_index"));

@@ -1298,21 +1298,7 @@ def emit_accessor_impl(out, t, a):
             out(f"    if (Kal::kalCollDel({n}_, k)) " + (f"{n}Notify(k);" if ncall else "{}"))
             out("}")
             out()
-        out(f"void {T}::{n}DelAll() {{")
-        if ncall:
-            out(f"    if ({n}_.members() == 0) return;")
-            out(f"    Kal::kalNotifyCb(kalNotifieeList_, {a.id}, &NotifieeConst::on{cap}kalImmediate);")
-            out(f"    {n}_.deleteAll();")
-            out(f"    Kal::kalNotifyCb(kalNotifieeList_, {a.id}, &NotifieeConst::on{cap});")
-        else:
-            out(f"    {n}_.deleteAll();")
-        out("}")
-        out()
-        if ncall:
-            out(f"void {T}::{n}Notify({key} k) const {{")
-            out(f"    {ncall}")
-            out("}")
-            out()
+        emit_del_all_and_notify(out, t, a, key)
     elif a.kind == "ordered":
         key = arg_type(a.key)
         et = a.type
@@ -1345,21 +1331,28 @@ def emit_accessor_impl(out, t, a):
         out(f"    if ({n}_.memberDel(k)) " + (f"{n}Notify(k);" if ncall else "{}"))
         out("}")
         out()
-        out(f"void {T}::{n}DelAll() {{")
-        if ncall:
-            out(f"    if ({n}_.members() == 0) return;")
-            out(f"    Kal::kalNotifyCb(kalNotifieeList_, {a.id}, &NotifieeConst::on{cap}kalImmediate);")
-            out(f"    {n}_.deleteAll();")
-            out(f"    Kal::kalNotifyCb(kalNotifieeList_, {a.id}, &NotifieeConst::on{cap});")
-        else:
-            out(f"    {n}_.deleteAll();")
+        emit_del_all_and_notify(out, t, a, key)
+
+
+def emit_del_all_and_notify(out, t, a, key):
+    """fooDelAll (with the whole-collection callbacks) and fooNotify(key) of a collection."""
+    T, n, cap = t.name, a.name, a.cap
+    ncall = notify_call(t, a, "k")
+    out(f"void {T}::{n}DelAll() {{")
+    if ncall:
+        out(f"    if ({n}_.members() == 0) return;")
+        out(f"    Kal::kalNotifyCb(kalNotifieeList_, {a.id}, &NotifieeConst::on{cap}kalImmediate);")
+        out(f"    {n}_.deleteAll();")
+        out(f"    Kal::kalNotifyCb(kalNotifieeList_, {a.id}, &NotifieeConst::on{cap});")
+    else:
+        out(f"    {n}_.deleteAll();")
+    out("}")
+    out()
+    if ncall:
+        out(f"void {T}::{n}Notify({key} k) const {{")
+        out(f"    {ncall}")
         out("}")
         out()
-        if ncall:
-            out(f"void {T}::{n}Notify({key} k) const {{")
-            out(f"    {notify_call(t, a, 'k')}")
-            out("}")
-            out()
 
 
 def emit_reactor_impl(out, t, a):
