@@ -61,6 +61,7 @@ class FibProcess {
         int err[2];
         if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
             ADD_FAILURE() << "pipe: " << std::strerror(errno);
+            ended_[0] = ended_[1] = true;
             return;
         }
         pid_ = ::fork();
@@ -108,6 +109,7 @@ class FibProcess {
             if (ready < 0 && errno == EINTR) continue;
             if (ready <= 0) {
                 ADD_FAILURE() << "ridge-fib did not finish";
+                if (pid_ > 0) ::kill(pid_, SIGKILL);
                 break;
             }
             for (int i = 0; i < n; ++i) {
@@ -333,7 +335,7 @@ class RidgeFibTest : public ::testing::Test {
     // next-hop-group FEC, a FEC with a hole at position 1, and routes of several types
     // pointing at them.
     void writeSampleFib() {
-        Strata::Fib::Fec drop4(FecId(Strata::Fib::ipv4DropFecId_));
+        Strata::Fib::Fec drop4{FecId(Strata::Fib::ipv4DropFecId_)};
         drop4.fecTypeIs(Strata::Fib::drop_);
         fec4->fecIs(drop4);
 
@@ -359,7 +361,7 @@ class RidgeFibTest : public ::testing::Test {
         f->viaIs(2, Strata::Fib::Via(v4("10.0.3.3"), IntfId(IntfKind::vlan_, 100)));
         fec4->fecCommit(f);
 
-        Strata::Fib6::Fec drop6(FecId(Strata::Fib::ipv6DropFecId_));
+        Strata::Fib6::Fec drop6{FecId(Strata::Fib::ipv6DropFecId_)};
         drop6.fecTypeIs(Strata::Fib::drop_);
         fec6->fecIs(drop6);
 
@@ -512,10 +514,10 @@ TEST_F(RidgeFibTest, FecShowsOneFecWithItsViaPositions) {
 }
 
 TEST_F(RidgeFibTest, FecWithAnIdInBothFamiliesShowsBoth) {
-    Strata::Fib::Fec a(FecId(9));
+    Strata::Fib::Fec a{FecId(9)};
     a.viaIs(0, Strata::Fib::Via(v4("10.9.0.1"), eth(9)));
     fec4->fecIs(a);
-    Strata::Fib6::Fec b(FecId(9));
+    Strata::Fib6::Fec b{FecId(9)};
     b.fecTypeIs(Strata::Fib::receive_);
     fec6->fecIs(b);
 
@@ -836,7 +838,7 @@ TEST_F(RidgeFibTest, FollowJsonIsOneObjectPerChange) {
     EXPECT_EQ(follow.errLine(), "ridge-fib: following " + prefix.file("fib4-fec") + ", " +
                                     prefix.file("fib4-route"));
 
-    Strata::Fib::Fec drop(FecId(10));
+    Strata::Fib::Fec drop{FecId(10)};
     drop.fecTypeIs(Strata::Fib::drop_);
     fec4->fecIs(drop);
     route4->routeIs(Strata::Fib::Route(p4("10.10.0.0/16"), FecId(10), Routing::Fib::staticConfig_));
@@ -872,15 +874,74 @@ TEST_F(RidgeFibTest, FollowEndsAtItsTimeout) {
 TEST_F(RidgeFibTest, FollowStopsCleanlyWhenInterrupted) {
     FibProcess follow(args({"follow"}));
     ASSERT_NE(follow.errLine(), "");
-    Strata::Fib::Fec f(FecId(3));
+    Strata::Fib::Fec f{FecId(3)};
     fec4->fecIs(f);
     EXPECT_EQ(follow.outLine(), "ipv4 fec   added   3 0x3 fib forward nhg none vias none");
     EXPECT_EQ(follow.interrupt(), 0) << follow.err();
     EXPECT_EQ(follow.out(), "ipv4 fec   added   3 0x3 fib forward nhg none vias none\n");
 }
 
+TEST_F(RidgeFibTest, FollowUnderConstantRewritesEndsWithEachFecsLastVersion) {
+    // FEC k at version v: one via at even versions, three at odd ones (so each rewrite moves
+    // it between size classes, the case a walk over the slots can see twice or miss), every
+    // via labelled v from version 1 on.
+    auto fecOf = [](U32 k, U32 v) {
+        Strata::Fib::Fec f{FecId(k)};
+        for (U32 i = 0; i < (v % 2 ? 3u : 1u); ++i) {
+            f.viaIs(i, Strata::Fib::Via(Velnet::IpAddr(v4("10.0.0.1").value() + (k << 8) + i),
+                                        eth(k), v));
+        }
+        return f;
+    };
+    auto lineOf = [](U32 k, U32 v) {
+        std::string s = "ipv4 fec   changed " + std::to_string(k) + " 0x" +
+                        (k < 10 ? std::to_string(k) : std::string(1, char('a' + k - 10))) +
+                        " fib forward nhg none vias ";
+        for (U32 i = 0; i < (v % 2 ? 3u : 1u); ++i) {
+            s += (i ? ", " : "") + std::string("10.0.") + std::to_string(k) + "." +
+                 std::to_string(i + 1) + "%Ethernet" + std::to_string(k) +
+                 (v ? " label " + std::to_string(v) : "");
+        }
+        return s;
+    };
+    U32 const fecs = 15;
+    U32 const lastVersion = 2001;
+    for (U32 k = 1; k <= fecs; ++k) fec4->fecIs(fecOf(k, 0));
+
+    FibProcess follow(args({"--family", "4", "follow", "--timeout", "60"}));
+    ASSERT_NE(follow.errLine(), "");
+    for (U32 v = 1; v <= lastVersion; ++v) {
+        for (U32 k = 1; k <= fecs; ++k) fec4->fecIs(fecOf(k, v));
+    }
+    Strata::Fib::Fec marker{FecId(999)};
+    fec4->fecIs(marker);
+
+    // Read up to the marker, the last change made.
+    std::string const markerLine = "ipv4 fec   added   999 0x3e7 fib forward nhg none vias none";
+    std::vector<std::string> lines;
+    for (std::string line; (line = follow.outLine()) != "";) {
+        lines.push_back(line);
+        if (line == markerLine) break;
+    }
+    EXPECT_EQ(follow.interrupt(), 0) << follow.err();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), markerLine);
+    lines.pop_back();
+
+    // FECs were only ever rewritten: any other event is a misreading of the table.
+    std::vector<std::string> last(fecs + 1);
+    for (auto const& line : lines) {
+        std::string const head = "ipv4 fec   changed ";
+        ASSERT_EQ(line.compare(0, head.size(), head), 0) << line;
+        U32 const k = U32(std::stoul(line.substr(head.size())));
+        ASSERT_TRUE(k >= 1 && k <= fecs) << line;
+        last[k] = line;
+    }
+    for (U32 k = 1; k <= fecs; ++k) EXPECT_EQ(last[k], lineOf(k, lastVersion)) << "FEC " << k;
+}
+
 TEST_F(RidgeFibTest, FollowPicksUpATableMadeAgainUnderTheSameName) {
-    Strata::Fib::Fec f3(FecId(3));
+    Strata::Fib::Fec f3{FecId(3)};
     f3.viaIs(0, Strata::Fib::Via(v4("10.0.0.1"), eth(1)));
     fec4->fecIs(f3);
     FibProcess follow(args({"--family", "4", "follow", "--count", "2", "--timeout", "10"}));
@@ -891,7 +952,7 @@ TEST_F(RidgeFibTest, FollowPicksUpATableMadeAgainUnderTheSameName) {
     Strata::StrataTable::removeFiles(prefix.str());
     auto newFec4 = Strata::Fib::ForwardingStatus::writer(prefix.str(), smallFecCapacity());
     auto newRoute4 = Strata::Fib::RouteStatus::writer(prefix.str(), Strata::RouteCapacity{16});
-    Strata::Fib::Fec f5(FecId(5));
+    Strata::Fib::Fec f5{FecId(5)};
     f5.viaIs(0, Strata::Fib::Via(v4("10.0.0.5"), eth(5)));
     newFec4->fecIs(f5);
 
