@@ -96,6 +96,9 @@
 // use; a failed check on a stable copy is corruption. A lookup retries a bounded number of
 // times (yielding the processor), then raises timeout_ (only a slot or index the writer
 // keeps changing, or a corrupt file, gets there).
+// The counts in the header (recordCount, classUsed) are written after the change they count:
+// a reader may see them one change behind, and after a writer died inside a change they stay
+// so until the next writer's recovery recounts.
 // Iteration walks the slots of each class up to its high-water mark and yields the stable,
 // live ones; a record replaced during the walk may be seen twice (old and new copy) or, if
 // it moved behind the walk, not at all; changeSeq tells a reader that it has to walk again.

@@ -10,7 +10,7 @@
 //                                             each logged to <journal> before ("B ...") and after
 //                                             ("E") it runs
 //   hold-writer <prefix>                      attaches the IPv4 FEC table for writing, prints
-//                                             "ready" and waits until killed or stdin closes
+//                                             "ready" and waits until killed
 //   reader-errors <prefix>                    attaches for reading and prints what each write
 //                                             through the reader raises, one line each
 //
@@ -112,7 +112,10 @@ void journal(int fd, std::string const& line) {
 int churn(std::string const& prefix, U32 seed, std::string const& journalPath) {
     int const jfd = ::open(journalPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
     if (jfd < 0) return 2;
-    auto fecs = Strata::Fib::ForwardingStatus::writer(prefix, Strata::FecCapacity::forFecs(256));
+    Strata::FecCapacity capacity;
+    capacity.maxFecs = 128;
+    capacity.classFecs.fill(128); // any of the 128 keys may take any size
+    auto fecs = Strata::Fib::ForwardingStatus::writer(prefix, capacity);
     auto routes = Strata::Fib::RouteStatus::writer(prefix, Strata::RouteCapacity{256});
     journal(jfd, "A");
     std::mt19937 rng(seed);
@@ -165,10 +168,7 @@ int holdWriter(std::string const& prefix) {
     auto t = Strata::Fib::ForwardingStatus::writer(prefix, Strata::FecCapacity::forFecs(16));
     std::printf("ready\n");
     std::fflush(stdout);
-    char c;
-    while (::read(0, &c, 1) > 0) {
-    }
-    return 0;
+    for (;;) ::pause(); // until killed
 }
 
 int readerErrors(std::string const& prefix) {
