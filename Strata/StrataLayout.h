@@ -59,24 +59,27 @@
 // Publication (one writer)
 // ------------------------
 // Copy-on-write per record. To store a record the writer takes a free slot, writes it under
-// its generation counter (gen+1 with a relaxed store, release fence, the words with relaxed
-// atomic stores, gen+1 with a release store), and then publishes it with ONE release store of
+// its generation counter (gen+1 with a relaxed store, the words with release stores, gen+1
+// with a release store; no standalone fences), and then publishes it with ONE release store of
 // the slot reference into the index entry (the key's existing entry, or a free one whose tag
 // was stored first). Only then is the old slot retired: a write under its generation counter
 // that sets its state to free, after which it goes back on the writer's free list.
 // A delete first removes the key's entry from the index (below), then retires the slot.
 // Each finished change ends with changeSeq + 1 (release), which readers may poll.
 //
-// Deleting from the index moves entries: the writer makes indexSeq odd (relaxed store,
-// release fence), shifts the entries of the probe run back over the hole (each move stores
-// the tag, then the reference), empties the last one, and makes indexSeq even again (release).
+// Deleting from the index moves entries: the writer makes indexSeq odd, shifts the entries of
+// the probe run back over the hole (each move a release store of the tag, then of the
+// reference, which keeps the odd indexSeq ahead of it), empties the last one, and makes
+// indexSeq even again (release).
 //
 // Readers
 // -------
 // Readers map the file read-only and never write. A lookup reads indexSeq (acquire), probes
 // from home(hash): for an entry whose tag matches it reads the slot optimistically: gen
-// (acquire), the words (relaxed atomic loads), an acquire fence, gen again; the copy counts
-// only if both reads of gen are equal and even. Then it compares the key in the copy.
+// (acquire), the words (acquire loads, which keep the next load after them), gen again; the
+// copy counts only if both reads of gen are equal and even (a word of a write that began
+// after the first look at gen was stored after that write's odd gen, so gen differs on the
+// second look). Then it compares the key in the copy.
 //   - Found: the record is one that was committed, and current at the moment the entry was
 //     loaded. A stale read (the writer replaced the record right after that load) is harmless:
 //     the value read was the table's value at a moment inside the lookup, the same answer the

@@ -306,3 +306,56 @@ TEST(CorruptionTest, RandomDamageNeverCrashes) {
 }
 
 } // namespace
+
+namespace {
+
+// A route slot whose prefix has a host bit set (or a length beyond the family's) is refused by
+// a walk and by the writer's recovery; both families.
+template <class Table>
+void expectNonCanonicalPrefixRefused(char const* suffix, typename Table::Route const& route,
+                                     U32 byteToSpoil, U8 value, char const* message) {
+    TablePrefix prefix;
+    {
+        auto t = Table::writer(prefix, Strata::RouteCapacity{4});
+        t->routeIs(route);
+    }
+    std::string const path = prefix.file(suffix);
+    damage(path, [&](U8* b, std::size_t) {
+        U8* slot = b + hdr(b).classes[0].offset;
+        slot[Strata::layout::keyOffset + byteToSpoil] = value;
+    });
+    std::string const report = path + ".corruption-report";
+    for (bool writer : {false, true}) {
+        ::unlink(report.c_str());
+        try {
+            if (writer) {
+                Table::writer(prefix);
+            } else {
+                auto r = Table::reader(prefix);
+                for (auto it = r->routeIteratorConst(); it; ++it) {
+                }
+            }
+            ADD_FAILURE() << suffix << ": damage not found";
+        } catch (Strata::CorruptionDetectedException const& e) {
+            EXPECT_NE(e.msg().stringValue().find(message), std::string::npos) << e.msg();
+            EXPECT_TRUE(strata_test::fileExists(report));
+        }
+    }
+}
+
+TEST(CorruptionTest, RoutePrefixesMustBeCanonical) {
+    Strata::Fib::Route const r4(Velnet::Prefix::fromString("10.1.0.0/16"), FecId(1), Routing::Fib::kernel_);
+    // The address is a host-order word: byte 0 is its lowest octet (10.1.0.x).
+    expectNonCanonicalPrefixRefused<Strata::Fib::RouteStatus>("fib4-route", r4, 0, 1, "prefix not canonical");
+    expectNonCanonicalPrefixRefused<Strata::Fib::RouteStatus>("fib4-route", r4, 4, 33,
+                                                              "prefix length out of range");
+    expectNonCanonicalPrefixRefused<Strata::Fib::RouteStatus>("fib4-route", r4, 6, 1, "prefix padding not zero");
+    Strata::Fib6::Route const r6(Velnet::Ip6Prefix::fromString("2001:db8::/36"), FecId(1), Routing6::Fib::kernel_);
+    // /36: byte 4 may use its top four bits only.
+    expectNonCanonicalPrefixRefused<Strata::Fib6::RouteStatus>("fib6-route", r6, 4, 0x08, "prefix not canonical");
+    expectNonCanonicalPrefixRefused<Strata::Fib6::RouteStatus>("fib6-route", r6, 15, 0x01, "prefix not canonical");
+    expectNonCanonicalPrefixRefused<Strata::Fib6::RouteStatus>("fib6-route", r6, 16, 129,
+                                                               "prefix length out of range");
+}
+
+} // namespace
