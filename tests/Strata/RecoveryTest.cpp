@@ -45,9 +45,33 @@ Expected replay(std::string const& journal) {
     std::istringstream in(journal);
     std::string line;
     std::optional<Expected::InFlight> pending;
+    // A writer's attach journals the state it found ("R", "S ..." lines, "A"): that state
+    // replaces the model. Cut off before its "A", it is dropped (the writer died attaching).
+    std::optional<Expected> before;
+    std::optional<Expected::InFlight> pendingBefore;
     while (std::getline(in, line)) {
         if (in.eof() && journal.back() != '\n') break; // a line cut off by the kill
-        if (line == "A") continue;
+        if (line == "R") {
+            before = x;
+            pendingBefore = pending;
+            x.fecs.clear();
+            x.routes.clear();
+            pending.reset();
+            continue;
+        }
+        if (line.rfind("S ", 0) == 0) {
+            std::istringstream l(line);
+            std::string s;
+            char table = 0;
+            U32 k = 0, v = 0;
+            l >> s >> table >> k >> v;
+            (table == 'f' ? x.fecs : x.routes)[k] = v;
+            continue;
+        }
+        if (line == "A") {
+            before.reset();
+            continue;
+        }
         if (line == "E") {
             if (!pending) continue;
             auto const& p = *pending;
@@ -67,6 +91,12 @@ Expected replay(std::string const& journal) {
         std::string b;
         l >> b >> p.op >> p.key >> p.version;
         pending = p;
+    }
+    if (before) {
+        U64 const committed = x.committed;
+        x = *before;
+        x.committed = committed;
+        pending = pendingBefore;
     }
     x.inFlight = pending;
     return x;

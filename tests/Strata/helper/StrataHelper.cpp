@@ -106,9 +106,10 @@ void journal(int fd, std::string const& line) {
     if (::write(fd, l.data(), l.size()) != ssize_t(l.size())) std::_Exit(2);
 }
 
-// Random changes forever; the parent kills us. Journal lines: "B <op> <key> <version>" before
-// an operation and "E" after it; ops: f (FEC stored by fecIs), d (FEC stored through the
-// direct-write slot), x (FEC deleted), r (route stored), y (route deleted).
+// Random changes forever; the parent kills us. Journal lines: the table's state when attached
+// (above), then "B <op> <key> <version>" before an operation and "E" after it; ops: f (FEC
+// stored by fecIs), d (FEC stored through the direct-write slot), x (FEC deleted), r (route
+// stored), y (route deleted).
 int churn(std::string const& prefix, U32 seed, std::string const& journalPath) {
     int const jfd = ::open(journalPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
     if (jfd < 0) return 2;
@@ -117,19 +118,28 @@ int churn(std::string const& prefix, U32 seed, std::string const& journalPath) {
     capacity.classFecs.fill(128); // any of the 128 keys may take any size
     auto fecs = Strata::Fib::ForwardingStatus::writer(prefix, capacity);
     auto routes = Strata::Fib::RouteStatus::writer(prefix, Strata::RouteCapacity{256});
-    journal(jfd, "A");
     std::mt19937 rng(seed);
-    // Versions continue from what the table holds, so that they keep increasing.
+    // Versions continue from what the table holds, so that they keep increasing. What the
+    // table holds now is journaled too ("R", a line "S f|r <key> <version>" per record, "A"):
+    // it settles how the operation in flight when the last writer died turned out.
     std::vector<U32> fecVersion(129, 0), routeVersion(129, 0);
     auto scratch = std::make_unique<Strata::Fib::Fec>();
+    std::string state = "R\n";
     for (auto it = fecs->fecIteratorConst(); it; ++it) {
         U32 v = 0;
-        if (selfCheckFec(it.key().value(), *it, *scratch, v)) fecVersion[it.key().value()] = v;
+        if (!selfCheckFec(it.key().value(), *it, *scratch, v)) return 1;
+        fecVersion[it.key().value()] = v;
+        state += "S f " + std::to_string(it.key().value()) + " " + std::to_string(v) + "\n";
     }
     for (auto it = routes->routeIteratorConst(); it; ++it) {
         U32 const k = (it.key().address().value() >> 8) & 0xFFFF;
-        if (k < routeVersion.size()) routeVersion[k] = U32(it.fecId().value() >> 32);
+        U32 v = 0;
+        if (k >= routeVersion.size() || !selfCheckRouteOk(k, *it, v)) return 1;
+        routeVersion[k] = v;
+        state += "S r " + std::to_string(k) + " " + std::to_string(v) + "\n";
     }
+    state += "A";
+    journal(jfd, state);
     auto f = std::make_unique<Strata::Fib::Fec>();
     for (;;) {
         U32 const op = rng() % 10;
