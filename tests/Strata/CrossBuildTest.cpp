@@ -62,7 +62,7 @@ void writeFecs(Table& t, std::map<U64, std::unique_ptr<typename Table::Fec>>& mo
         U64 const id = f->fecId().value();
         model[id] = std::move(f);
     };
-    FecT drop(FecId(Strata::Fib::ipv4DropFecId_));
+    FecT drop{FecId(Strata::Fib::ipv4DropFecId_)};
     drop.fecTypeIs(Strata::Fib::drop_);
     put(std::make_unique<FecT>(drop));
     put(referenceFec<FecT>(3, 1));

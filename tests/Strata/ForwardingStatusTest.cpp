@@ -66,7 +66,7 @@ TYPED_TEST(FecTableTest, StoredFecsAreFoundReplacedAndDeleted) {
     EXPECT_EQ(t->fecClassFecs(TypeParam::fecClassOf(*a)), 0u);
 
     // The drop FEC: no vias at all.
-    FecT drop(FecId(Strata::Fib::ipv4DropFecId_));
+    FecT drop{FecId(Strata::Fib::ipv4DropFecId_)};
     drop.fecTypeIs(Strata::Fib::drop_);
     t->fecIs(drop);
     EXPECT_EQ(*t->fec(FecId(1)), drop);

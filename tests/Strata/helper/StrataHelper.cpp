@@ -69,7 +69,7 @@ int verifyReader(std::string const& prefix, U32 fecs, int ms) {
     auto f = std::make_unique<FecT>();
     auto scratch = std::make_unique<FecT>();
     std::vector<U32> lastSeen(fecs + 1, 0);
-    std::mt19937 rng(U32(::getpid()));
+    std::mt19937 rng{U32(::getpid())};
     U64 reads = 0, bad = 0;
     auto const end = Clock::now() + std::chrono::milliseconds(ms);
     auto report = [&](U64 k, char const* what) {
