@@ -9,7 +9,11 @@
 // full with posix_fallocate (so a full tmpfs is an error at creation, never a SIGBUS later),
 // initialised, and only then renamed into place without replacing anything (renameat2
 // RENAME_NOREPLACE): a reader never sees a half-made file, and two creators racing end with
-// one file. Capacity is fixed at creation.
+// one file. Capacity is fixed at creation. Every attach checks the file's size against the
+// header before mapping it, and a writer reserves the whole file again (a sparse copy of a
+// table gets its pages then, not on a later write). A file that another process shrinks
+// while it is mapped is beyond what a mapping can defend against (the next access to the
+// lost pages faults); only processes allowed to write the table file can do that.
 //
 // Every field is fixed width and little-endian as the creator stored it; 64-bit fields are
 // alignas(8) (the i386 ABI would otherwise align them to 4), and static_asserts pin every
@@ -18,7 +22,7 @@
 // offsets from the start of the file. Every atomic access to the file is a 32-bit one (a
 // 64-bit atomic load may be a locked cmpxchg8b on i386, which faults on a read-only mapping).
 //
-//   offset 0            FileHeader (512 bytes)
+//   offset 0            FileHeader (672 bytes; the next region starts at 704)
 //                         immutable part: magic, layout version, ABI signature (byte order
 //                         marker, key/record/via sizes, adjTypePos), table kind, capacities,
 //                         region offsets, creation id, then a checksum over all of it;
@@ -96,9 +100,10 @@
 //   - Iteration passes over a slot that stays odd: a slot being written is never a record's
 //     committed copy.
 // Every reference, size and count read from the file is checked against the mapping before
-// use; a failed check on a stable copy is corruption. A lookup retries a bounded number of
-// times (yielding the processor), then raises timeout_ (only a slot or index the writer
-// keeps changing, or a corrupt file, gets there).
+// use; a failed check on a stable copy is corruption. A lookup retries, yielding the
+// processor, for at most the reader's timeout (1 s unless the table is attached with another),
+// then raises timeout_ (only a slot or index the writer keeps changing, or a corrupt file,
+// gets there).
 // The counts in the header (recordCount, classUsed) are written after the change they count:
 // a reader may see them one change behind, and after a writer died inside a change they stay
 // so until the next writer's recovery recounts.
@@ -117,8 +122,11 @@
 // The header is validated (magic, version, ABI, kind, checksum, file size, region bounds).
 // Then the index is scanned: each reference must name a live, stable slot inside its class
 // whose key matches the tag. If indexSeq is odd (the last writer died while moving entries),
-// duplicate entries are expected and the index is rebuilt from the set of referenced slots,
-// under an odd indexSeq, so readers retry meanwhile; otherwise any duplicate is corruption.
+// a duplicate entry, an entry out of reach of its home, and an entry whose tag is not its
+// key's (a move that stored the tag and not yet the reference: its reference is the deleted
+// record's, or one kept elsewhere) are expected; such entries are dropped and the index is
+// rebuilt from the set of referenced slots, under an odd indexSeq, so readers retry
+// meanwhile. With an even indexSeq any of them is corruption.
 // Then every slot below the high-water marks is classified: referenced slots are live; any
 // other slot (half-written, odd gen; or replaced but not yet retired) is freed with an even
 // generation. Counts, high-water marks and the free lists are rebuilt from that scan, and

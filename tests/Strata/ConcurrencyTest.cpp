@@ -17,7 +17,7 @@ namespace {
 using Strata::Fib::FecId;
 using strata_test::TablePrefix;
 
-TEST(ConcurrencyTest, ThreadsReadWholeFecsWhileTheWriterFlipsAndDeletes) {
+TEST(StrataConcurrencyTest, ThreadsReadWholeFecsWhileTheWriterFlipsAndDeletes) {
     TablePrefix prefix;
     U32 const fecs = 32;
     auto w = Strata::Fib::ForwardingStatus::writer(prefix, strata_test::smallFecCapacity(fecs, fecs));

@@ -86,9 +86,9 @@ struct HeaderCase {
     char const* message; // what the message says after "<file>: header: "
 };
 
-class HeaderDamageTest : public ::testing::TestWithParam<HeaderCase> {};
+class StrataHeaderDamageTest : public ::testing::TestWithParam<HeaderCase> {};
 
-TEST_P(HeaderDamageTest, ReadersAndWritersRefuseTheFile) {
+TEST_P(StrataHeaderDamageTest, ReadersAndWritersRefuseTheFile) {
     TablePrefix prefix;
     makeTable(prefix);
     damage(prefix.file("fib4-fec"), GetParam().damage);
@@ -106,7 +106,7 @@ TEST_P(HeaderDamageTest, ReadersAndWritersRefuseTheFile) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    CorruptionTest, HeaderDamageTest,
+    StrataCorruptionTest, StrataHeaderDamageTest,
     ::testing::Values(
         HeaderCase{"BadMagic", [](U8* b, std::size_t) { b[0] ^= 1; }, "header: bad magic 0x"},
         HeaderCase{"OtherVersion",
@@ -161,7 +161,7 @@ INSTANTIATE_TEST_SUITE_P(
                    "header: index of 16 entries for 16 records"}),
     [](auto const& info) { return std::string(info.param.name); });
 
-TEST(CorruptionTest, TruncatedAndEmptyFilesAreCorruptNotFatal) {
+TEST(StrataCorruptionTest, TruncatedAndEmptyFilesAreCorruptNotFatal) {
     TablePrefix prefix;
     makeTable(prefix);
     std::string const path = prefix.file("fib4-fec");
@@ -183,7 +183,7 @@ TEST(CorruptionTest, TruncatedAndEmptyFilesAreCorruptNotFatal) {
     EXPECT_NE(m.find("file is 0 bytes"), std::string::npos) << m;
 }
 
-TEST(CorruptionTest, AnotherTablesFileIsRefusedByItsKind) {
+TEST(StrataCorruptionTest, AnotherTablesFileIsRefusedByItsKind) {
     TablePrefix prefix;
     Strata::Fib6::ForwardingStatus::writer(prefix, smallFecCapacity(4, 4))->detach();
     ASSERT_EQ(::rename(prefix.file("fib6-fec").c_str(), prefix.file("fib4-fec").c_str()), 0);
@@ -192,7 +192,7 @@ TEST(CorruptionTest, AnotherTablesFileIsRefusedByItsKind) {
 }
 
 // Damage past the header: found by the writer's recovery scan, and by readers when they reach it.
-TEST(CorruptionTest, ImpossibleReferencesAndRecordsAreFound) {
+TEST(StrataCorruptionTest, ImpossibleReferencesAndRecordsAreFound) {
     struct Case {
         char const* name;
         std::function<void(U8*)> damage;  // may use ASSERT (returns void)
@@ -258,7 +258,7 @@ TEST(CorruptionTest, ImpossibleReferencesAndRecordsAreFound) {
     }
 }
 
-TEST(CorruptionTest, RandomDamageNeverCrashes) {
+TEST(StrataCorruptionTest, RandomDamageNeverCrashes) {
     // Whatever bytes a table file holds, attaching, reading, walking, recovering and writing
     // either work or raise a Strata error; the fuzz target (tests/fuzz/TableAttachFuzz.cpp)
     // explores the same far longer.
@@ -343,7 +343,7 @@ void expectNonCanonicalPrefixRefused(char const* suffix, typename Table::Route c
     }
 }
 
-TEST(CorruptionTest, RoutePrefixesMustBeCanonical) {
+TEST(StrataCorruptionTest, RoutePrefixesMustBeCanonical) {
     Strata::Fib::Route const r4(Velnet::Prefix::fromString("10.1.0.0/16"), FecId(1), Routing::Fib::kernel_);
     // The address is a host-order word: byte 0 is its lowest octet (10.1.0.x).
     expectNonCanonicalPrefixRefused<Strata::Fib::RouteStatus>("fib4-route", r4, 0, 1, "prefix not canonical");

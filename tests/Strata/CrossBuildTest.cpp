@@ -159,7 +159,7 @@ void blankVolatileFields(std::string& bytes) {
     std::memset(bytes.data() + offsetof(FileHeader, writerPid), 0, 4);
 }
 
-TEST(CrossBuildTest, SameBytesAsTheCommittedReferenceFiles) {
+TEST(StrataCrossBuildTest, SameBytesAsTheCommittedReferenceFiles) {
     TablePrefix prefix;
     Reference ref;
     writeReference(prefix, ref);
@@ -185,7 +185,7 @@ TEST(CrossBuildTest, SameBytesAsTheCommittedReferenceFiles) {
     }
 }
 
-TEST(CrossBuildTest, CommittedReferenceFilesReadBack) {
+TEST(StrataCrossBuildTest, CommittedReferenceFilesReadBack) {
     TablePrefix prefix;
     Reference ref;
     {

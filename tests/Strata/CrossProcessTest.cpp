@@ -48,7 +48,7 @@ void flipAndVerify(TablePrefix const& prefix, FlipRun const& run, U32 fecs) {
     std::printf("writer: %s", wtext.c_str());
 }
 
-TEST(CrossProcessTest, ReadersOfIpv4FecsSeeOnlyWholeFecsWhileTheWriterFlips) {
+TEST(StrataCrossProcessTest, ReadersOfIpv4FecsSeeOnlyWholeFecsWhileTheWriterFlips) {
     TablePrefix prefix;
     U32 const fecs = 24;
     // Made here, then let go, so that the writer process attaches the existing table.
@@ -59,7 +59,7 @@ TEST(CrossProcessTest, ReadersOfIpv4FecsSeeOnlyWholeFecsWhileTheWriterFlips) {
     EXPECT_EQ(t->fecs(), fecs);
 }
 
-TEST(CrossProcessTest, ReadersOfIpv6FecsSeeOnlyWholeFecsWhileTheWriterFlips) {
+TEST(StrataCrossProcessTest, ReadersOfIpv6FecsSeeOnlyWholeFecsWhileTheWriterFlips) {
     TablePrefix prefix;
     U32 const fecs = 16;
     Strata::Fib6::ForwardingStatus::writer(prefix, smallFecCapacity(fecs, fecs))->detach();
@@ -68,7 +68,7 @@ TEST(CrossProcessTest, ReadersOfIpv6FecsSeeOnlyWholeFecsWhileTheWriterFlips) {
     t->validate();
 }
 
-TEST(CrossProcessTest, LongFlipStress) {
+TEST(StrataCrossProcessTest, LongFlipStress) {
     if (!strata_test::stressRequested()) GTEST_SKIP() << "set STRATA_STRESS=1 for the long run";
     TablePrefix prefix;
     U32 const fecs = 64;

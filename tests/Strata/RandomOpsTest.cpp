@@ -53,11 +53,11 @@ void compareFecs(Table const& t, std::map<U64, std::unique_ptr<typename Table::F
 }
 
 template <class Table>
-class RandomFecOpsTest : public ::testing::Test {};
+class StrataRandomFecOpsTest : public ::testing::Test {};
 using Tables = ::testing::Types<Strata::Fib::ForwardingStatus, Strata::Fib6::ForwardingStatus>;
-TYPED_TEST_SUITE(RandomFecOpsTest, Tables);
+TYPED_TEST_SUITE(StrataRandomFecOpsTest, Tables);
 
-TYPED_TEST(RandomFecOpsTest, MatchesAMapAcrossDetachAndReattach) {
+TYPED_TEST(StrataRandomFecOpsTest, MatchesAMapAcrossDetachAndReattach) {
     using FecT = typename TypeParam::Fec;
     unsigned const seed = testSeed();
     std::printf("seed %u\n", seed);
@@ -118,7 +118,7 @@ TYPED_TEST(RandomFecOpsTest, MatchesAMapAcrossDetachAndReattach) {
     std::printf("%d steps, %zu FECs at the end, %u writes refused as full\n", steps, model.size(), full);
 }
 
-TEST(RandomRouteOpsTest, MatchesAMapAcrossDetachAndReattach) {
+TEST(StrataRandomRouteOpsTest, MatchesAMapAcrossDetachAndReattach) {
     unsigned const seed = testSeed();
     std::printf("seed %u\n", seed);
     SCOPED_TRACE("seed " + std::to_string(seed) + " (STRATA_SEED replays it)");

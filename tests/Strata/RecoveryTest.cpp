@@ -178,7 +178,7 @@ void checkAgainstJournal(FecTable const& fecs, RouteTable const& routes, Expecte
         << routes.routes() << " routes counted, " << routeCount << " found";
 }
 
-TEST(RecoveryTest, WriterKilledAtRandomPointsLosesNothingCommitted) {
+TEST(StrataRecoveryTest, WriterKilledAtRandomPointsLosesNothingCommitted) {
     TablePrefix prefix;
     std::string const journal = "/tmp/" + prefix.str() + "-journal";
     ::unlink(journal.c_str());
@@ -271,7 +271,7 @@ std::unique_ptr<Strata::Fib::Fec> fecVersion(U64 k, U32 v) {
     return f;
 }
 
-TEST(RecoveryTest, HalfWrittenAndUnretiredSlotsAreFreed) {
+TEST(StrataRecoveryTest, HalfWrittenAndUnretiredSlotsAreFreed) {
     TablePrefix prefix;
     {
         auto t = Strata::Fib::ForwardingStatus::writer(prefix, smallFecCapacity(16, 8));
@@ -315,9 +315,9 @@ TEST(RecoveryTest, HalfWrittenAndUnretiredSlotsAreFreed) {
 // probe run back over FEC 3's entry: the next entry copied whole over it (now there twice), or
 // only its tag copied (the entry pairs that tag with FEC 3's reference). In both, indexSeq is
 // odd and FEC 3's slot is not yet retired.
-class InterruptedDeleteTest : public ::testing::TestWithParam<bool> {};
+class StrataInterruptedDeleteTest : public ::testing::TestWithParam<bool> {};
 
-TEST_P(InterruptedDeleteTest, NextWriterFinishesItAndReadersStaySound) {
+TEST_P(StrataInterruptedDeleteTest, NextWriterFinishesItAndReadersStaySound) {
     bool const onlyTag = GetParam();
     TablePrefix prefix;
     {
@@ -361,10 +361,10 @@ TEST_P(InterruptedDeleteTest, NextWriterFinishesItAndReadersStaySound) {
     EXPECT_FALSE(r->fec(FecId(victim)).has_value());
 }
 
-INSTANTIATE_TEST_SUITE_P(RecoveryTest, InterruptedDeleteTest, ::testing::Values(false, true),
+INSTANTIATE_TEST_SUITE_P(StrataRecoveryTest, StrataInterruptedDeleteTest, ::testing::Values(false, true),
                          [](auto const& info) { return info.param ? "OnlyTagMoved" : "EntryCopied"; });
 
-TEST(RecoveryTest, ReaderMissWaitsWhileALiveWriterMovesEntries) {
+TEST(StrataRecoveryTest, ReaderMissWaitsWhileALiveWriterMovesEntries) {
     // An odd index sequence with the writer alive: a miss cannot be trusted, so the lookup
     // keeps retrying until the sequence settles (here: never, so it times out).
     TablePrefix prefix;
