@@ -42,7 +42,7 @@ bench: deps
 # FUZZ_SECONDS on a working copy of its seed corpus (the committed corpus is not touched).
 FUZZ_SECONDS ?= 60
 FUZZ_BUILD   := build/fuzz
-FUZZ_TARGETS := textform
+FUZZ_TARGETS := textform tableattach
 
 fuzz: deps
 	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \

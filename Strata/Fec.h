@@ -19,7 +19,9 @@
 // tables' direct-write slot can hold one in shared memory:
 //   offset 0  FecId fecId (8, alignas 8)     8 U8 fecType     9 U8 reserved (0)
 //         10  U16 nexthopGroupId            12 U32 viaMask[4]: bit i set = position i holds a via
-//         28  U32 reserved (0)              32 Via via[128], unset positions all zero
+//         28  U32 reserved (0)              32 Via via[128]: what a position without a via holds
+//                                              is left unspecified (deleting a via clears its
+//                                              bit only), so emptying a FEC costs four stores
 //   Fib::Fec 1568 bytes, Fib6::Fec 3104 bytes.
 // Equality compares every field (the positions and their vias included).
 //
@@ -93,7 +95,7 @@ class BasicFec {
     void nexthopGroupIdIs(U16 id) noexcept { nexthopGroupId_ = id; }
 
     // The via at a position; the empty Via() where there is none.
-    V const& via(ViaIndex i) const noexcept { return via_[i.value()]; }
+    V const& via(ViaIndex i) const noexcept { return hasVia(i) ? via_[i.value()] : emptyVia; }
     bool hasVia(ViaIndex i) const noexcept {
         return (viaMask_[i.value() / 32] >> (i.value() % 32)) & 1u;
     }
@@ -101,20 +103,15 @@ class BasicFec {
         via_[i.value()] = via;
         viaMask_[i.value() / 32] |= 1u << (i.value() % 32);
     }
-    void viaDel(ViaIndex i) noexcept {
-        via_[i.value()] = V();
-        viaMask_[i.value() / 32] &= ~(1u << (i.value() % 32));
-    }
+    void viaDel(ViaIndex i) noexcept { viaMask_[i.value() / 32] &= ~(1u << (i.value() % 32)); }
     void viaDelAll() noexcept {
-        U32 const end = viaEnd();
-        for (U32 i = 0; i < end; ++i) via_[i] = V();
         for (U32& w : viaMask_) w = 0;
     }
 
     // Positions holding a via.
     U32 vias() const noexcept {
         U32 n = 0;
-        for (U32 w : viaMask_) n += U32(std::popcount(w));
+        for (U32 w : viaMask_) n += bitCount(w);
         return n;
     }
     // One past the highest position holding a via; 0 when there is none.
@@ -136,6 +133,9 @@ class BasicFec {
         KAL_DASSERT(w < 4);
         return viaMask_[w];
     }
+    // The via array itself, positions 0 .. 127; only the positions holding a via are
+    // meaningful (for the table codec, which copies a dense run at once).
+    V const* viaArray() const noexcept { return via_; }
 
     friend bool operator==(BasicFec const& a, BasicFec const& b) noexcept {
         if (a.fecId_ != b.fecId_ || a.fecType_ != b.fecType_ ||
@@ -145,8 +145,7 @@ class BasicFec {
         for (U32 w = 0; w < 4; ++w) {
             if (a.viaMask_[w] != b.viaMask_[w]) return false;
         }
-        U32 const end = a.viaEnd();
-        for (U32 i = 0; i < end; ++i) {
+        for (U32 i = a.nextPosition(0); i < maxVias; i = a.nextPosition(i + 1)) {
             if (!(a.via_[i] == b.via_[i])) return false;
         }
         return true;
@@ -165,6 +164,15 @@ class BasicFec {
     }
 
   private:
+    static constexpr V emptyVia{};
+
+    // The bits set in w, without relying on a popcount instruction (a baseline x86 or i386
+    // build would call a library routine for std::popcount).
+    static constexpr U32 bitCount(U32 w) noexcept {
+        w = w - ((w >> 1) & 0x55555555u);
+        w = (w & 0x33333333u) + ((w >> 2) & 0x33333333u);
+        return (((w + (w >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24;
+    }
     // The first position >= from that holds a via; maxVias when none.
     U32 nextPosition(U32 from) const noexcept {
         while (from < maxVias) {

@@ -4,7 +4,6 @@
 #include "Strata/Exception.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -56,25 +55,47 @@ struct FecCodec {
         return classFor(need(end, f.vias() != end));
     }
 
-    // The slot image of f (slotSize(cls) bytes, zero where nothing is stored); returns cls.
-    static U32 encode(FecT const& f, U32* w) noexcept {
+    // Writes f into the words of a slot of class cls (words 1 .. slotSize(cls)/4 - 1, zero
+    // past the vias) through store, which is StrataMap::storeWord for a slot in the table.
+    template <class Store>
+    static void encode(FecT const& f, U32 cls, U32* w, Store store) noexcept {
         U32 const end = f.viaEnd();
         U32 const count = f.vias();
         bool const sparse = count != end;
-        U32 const cls = classFor(need(end, sparse));
-        std::memset(w, 0, slotSize(cls));
-        w[1] = U32(layout::live_) | U32(U8(f.fecType())) << 8 | end << 16 | U32(sparse) << 24;
-        Fib::FecId const id = f.fecId();
-        std::memcpy(w + 2, &id, sizeof id);
-        w[4] = U32(f.nexthopGroupId()) | count << 16;
-        U32 off = denseHead;
+        store(w[1], U32(layout::live_) | U32(U8(f.fecType())) << 8 | end << 16 | U32(sparse) << 24);
+        U64 const id = f.fecId().value();
+        store(w[2], U32(id));
+        store(w[3], U32(id >> 32));
+        store(w[4], U32(f.nexthopGroupId()) | count << 16);
+        U32 i = denseHead / 4;
         if (sparse) {
-            for (U32 k = 0; k < 4; ++k) w[5 + k] = f.viaMaskWord(k);
-            off = sparseHead;
+            for (U32 k = 0; k < 4; ++k) store(w[i++], f.viaMaskWord(k));
         }
-        // Unset positions hold the empty via in a Fec, so the array copies as it is.
-        if (end) std::memcpy(reinterpret_cast<U8*>(w) + off, &f.via(0), end * viaBytes);
-        return cls;
+        // A dense run copies as it is; a hole is stored as the empty via.
+        auto const* src = reinterpret_cast<U8 const*>(f.viaArray());
+        if (!sparse) {
+            for (U32 k = 0, n = end * viaBytes / 4; k < n; ++k) {
+                U32 v;
+                std::memcpy(&v, src + 4 * k, 4);
+                store(w[i++], v);
+            }
+        } else {
+            for (U32 pos = 0; pos < end; ++pos) {
+                bool const set = (f.viaMaskWord(pos / 32) >> (pos % 32)) & 1;
+                for (U32 k = 0; k < viaBytes / 4; ++k) {
+                    U32 v = 0;
+                    if (set) std::memcpy(&v, src + pos * viaBytes + 4 * k, 4);
+                    store(w[i++], v);
+                }
+            }
+        }
+        for (U32 const n = slotSize(cls) / 4; i < n; ++i) store(w[i], 0);
+    }
+
+    static constexpr U32 bitCount(U32 w) noexcept {
+        w = w - ((w >> 1) & 0x55555555u);
+        w = (w & 0x33333333u) + ((w >> 2) & 0x33333333u);
+        return (((w + (w >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24;
     }
 
     static char const* check(U32 const* w, U32 words) noexcept {
@@ -90,7 +111,7 @@ struct FecCodec {
         U32 bits = 0;
         for (U32 k = 0; k < 4; ++k) {
             U32 const m = w[5 + k];
-            bits += U32(std::popcount(m));
+            bits += bitCount(m);
             U32 const lo = 32 * k;
             // Positions at or above end must be clear.
             if (end <= lo ? m != 0 : end < lo + 32 && (m >> (end - lo)) != 0) {
@@ -195,9 +216,12 @@ void FecTable<FecT>::attach(std::string const& prefix, Access access, FecCapacit
 template <class FecT>
 void FecTable<FecT>::fecIs(FecT const& fec) {
     StrataMap& m = writable("write");
-    alignas(8) U32 words[SlotCopy::maxWords];
-    U32 const cls = FecCodec<FecT>::encode(fec, words);
-    m.put(cls, words);
+    U32 const cls = FecCodec<FecT>::classOf(fec);
+    Fib::FecId const id = fec.fecId();
+    // Encoded straight into the slot: no image to fill and copy.
+    U32* w = m.putBegin(cls, &id);
+    FecCodec<FecT>::encode(fec, cls, w, &StrataMap::storeWord);
+    m.putCommit();
 }
 
 template <class FecT>
@@ -205,9 +229,21 @@ FecT* FecTable<FecT>::fecDirectWrite(Fib::FecId const& id) {
     StrataMap* m = map();
     if (m) m->checkWritable("write");
     if (!m || (directWriteSlot_ && directWriteMap_ == m)) throwNoMansLand();
-    directWriteSlot_ = new (m->directWriteSlot()) FecT(id);
-    directWriteMap_ = m;
-    return directWriteSlot_;
+    if (directWriteMap_ != m) {
+        // First use of this mapping's slot: whatever a dead writer left there is overwritten.
+        directWriteSlot_ = new (m->directWriteSlot()) FecT(id);
+        directWriteMap_ = m;
+        return directWriteSlot_;
+    }
+    // The slot still holds a FEC this process made: emptying it is cheaper than making a
+    // fresh one (a FEC's unused positions are already zero, only the used ones are cleared).
+    FecT* f = std::launder(static_cast<FecT*>(m->directWriteSlot()));
+    f->viaDelAll();
+    f->fecIdIs(id);
+    f->fecTypeIs(Strata::Fib::forward_);
+    f->nexthopGroupIdIs(FecT::noNexthopGroupId);
+    directWriteSlot_ = f;
+    return f;
 }
 
 template <class FecT>
@@ -215,19 +251,17 @@ void FecTable<FecT>::fecCommit(FecT const* fec) {
     StrataMap* m = map();
     if (m) m->checkWritable("write");
     if (!m || !directWriteSlot_ || directWriteMap_ != m) {
-        fecDirectWriteAbandon();
+        directWriteSlot_ = nullptr;
         throwNoMansLand();
     }
     KAL_ASSERT(fec == directWriteSlot_);
     FecT const* const slot = std::exchange(directWriteSlot_, nullptr);
-    directWriteMap_ = nullptr;
     fecIs(*slot);
 }
 
 template <class FecT>
 void FecTable<FecT>::fecDirectWriteAbandon() noexcept {
     directWriteSlot_ = nullptr;
-    directWriteMap_ = nullptr;
 }
 
 template <class FecT>

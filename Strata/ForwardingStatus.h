@@ -135,8 +135,10 @@ class FecTable : public StrataTable {
     FecTable(Kal::Name name);
 
   private:
+    // The outstanding slot, or null.
     FecT* directWriteSlot_ = nullptr;
-    // The map the slot lies in; held so that a map attached later cannot take its address.
+    // The map whose slot this table last handed out (it holds a FEC made by this process);
+    // held so that a map attached later cannot take its address.
     Kal::Ptr<StrataMap const> directWriteMap_;
 };
 

@@ -37,13 +37,22 @@ struct RouteCodec {
         for (U32 i = layout::keyOffset + keyBytes; i < fecIdOffset; ++i) {
             if (b[i]) return "route padding not zero";
         }
-        Key k;
-        std::memcpy(static_cast<void*>(&k), b + layout::keyOffset, keyBytes);
-        if (k.len() > Key::maxLen) return "prefix length out of range";
-        // Canonical: no host bits and zero padding, exactly what the constructor makes.
-        Key const canonical(k.address(), k.len());
-        if (std::memcmp(&canonical, b + layout::keyOffset, keyBytes) != 0) {
-            return "prefix not canonical";
+        // The key's layout (Velnet/Prefix.h): the address bytes, the length, three zero bytes.
+        // Canonical: no address bit at or beyond the length, as the constructor makes it.
+        U8 const* k = b + layout::keyOffset;
+        constexpr U32 addrBytes = keyBytes - 4;
+        U32 const len = k[addrBytes];
+        if (len > Key::maxLen) return "prefix length out of range";
+        if (k[addrBytes + 1] | k[addrBytes + 2] | k[addrBytes + 3]) return "prefix padding not zero";
+        if constexpr (addrBytes == 4) {
+            U32 addr;
+            std::memcpy(&addr, k, 4); // IpAddr: one host-order word
+            if (addr & ~Velnet::Prefix::maskOf(len)) return "prefix not canonical";
+        } else {
+            for (U32 i = len / 8; i < addrBytes; ++i) {
+                U8 const allowed = i == len / 8 ? U8(0xFF00u >> (len % 8)) : 0;
+                if (k[i] & ~allowed) return "prefix not canonical";
+            }
         }
         return nullptr;
     }

@@ -36,7 +36,8 @@ enum class Access : U8 {
     writer_ = 1, // the one process that changes the table
 };
 
-// This process's statistics of one attached table. Counted with relaxed atomics; a snapshot.
+// This process's statistics of one attached table, a snapshot. Cheap relaxed counting: the
+// counts of one thread are exact, but increments of threads racing on one table may be lost.
 struct WriterCounters {
     U64 commits = 0;         // records stored (fecIs, fecCommit, routeIs)
     U64 deletes = 0;         // records removed

@@ -9,7 +9,11 @@
 // full with posix_fallocate (so a full tmpfs is an error at creation, never a SIGBUS later),
 // initialised, and only then renamed into place without replacing anything (renameat2
 // RENAME_NOREPLACE): a reader never sees a half-made file, and two creators racing end with
-// one file. Capacity is fixed at creation.
+// one file. Capacity is fixed at creation. Every attach checks the file's size against the
+// header before mapping it, and a writer reserves the whole file again (a sparse copy of a
+// table gets its pages then, not on a later write). A file that another process shrinks
+// while it is mapped is beyond what a mapping can defend against (the next access to the
+// lost pages faults); only processes allowed to write the table file can do that.
 //
 // Every field is fixed width and little-endian as the creator stored it; 64-bit fields are
 // alignas(8) (the i386 ABI would otherwise align them to 4), and static_asserts pin every
@@ -18,7 +22,7 @@
 // offsets from the start of the file. Every atomic access to the file is a 32-bit one (a
 // 64-bit atomic load may be a locked cmpxchg8b on i386, which faults on a read-only mapping).
 //
-//   offset 0            FileHeader (512 bytes)
+//   offset 0            FileHeader (672 bytes; the next region starts at 704)
 //                         immutable part: magic, layout version, ABI signature (byte order
 //                         marker, key/record/via sizes, adjTypePos), table kind, capacities,
 //                         region offsets, creation id, then a checksum over all of it;
@@ -59,24 +63,27 @@
 // Publication (one writer)
 // ------------------------
 // Copy-on-write per record. To store a record the writer takes a free slot, writes it under
-// its generation counter (gen+1 with a relaxed store, release fence, the words with relaxed
-// atomic stores, gen+1 with a release store), and then publishes it with ONE release store of
+// its generation counter (gen+1 with a relaxed store, the words with release stores, gen+1
+// with a release store; no standalone fences), and then publishes it with ONE release store of
 // the slot reference into the index entry (the key's existing entry, or a free one whose tag
 // was stored first). Only then is the old slot retired: a write under its generation counter
 // that sets its state to free, after which it goes back on the writer's free list.
 // A delete first removes the key's entry from the index (below), then retires the slot.
 // Each finished change ends with changeSeq + 1 (release), which readers may poll.
 //
-// Deleting from the index moves entries: the writer makes indexSeq odd (relaxed store,
-// release fence), shifts the entries of the probe run back over the hole (each move stores
-// the tag, then the reference), empties the last one, and makes indexSeq even again (release).
+// Deleting from the index moves entries: the writer makes indexSeq odd, shifts the entries of
+// the probe run back over the hole (each move a release store of the tag, then of the
+// reference, which keeps the odd indexSeq ahead of it), empties the last one, and makes
+// indexSeq even again (release).
 //
 // Readers
 // -------
 // Readers map the file read-only and never write. A lookup reads indexSeq (acquire), probes
 // from home(hash): for an entry whose tag matches it reads the slot optimistically: gen
-// (acquire), the words (relaxed atomic loads), an acquire fence, gen again; the copy counts
-// only if both reads of gen are equal and even. Then it compares the key in the copy.
+// (acquire), the words (acquire loads, which keep the next load after them), gen again; the
+// copy counts only if both reads of gen are equal and even (a word of a write that began
+// after the first look at gen was stored after that write's odd gen, so gen differs on the
+// second look). Then it compares the key in the copy.
 //   - Found: the record is one that was committed, and current at the moment the entry was
 //     loaded. A stale read (the writer replaced the record right after that load) is harmless:
 //     the value read was the table's value at a moment inside the lookup, the same answer the
@@ -93,9 +100,13 @@
 //   - Iteration passes over a slot that stays odd: a slot being written is never a record's
 //     committed copy.
 // Every reference, size and count read from the file is checked against the mapping before
-// use; a failed check on a stable copy is corruption. A lookup retries a bounded number of
-// times (yielding the processor), then raises timeout_ (only a slot or index the writer
-// keeps changing, or a corrupt file, gets there).
+// use; a failed check on a stable copy is corruption. A lookup retries, yielding the
+// processor, for at most the reader's timeout (1 s unless the table is attached with another),
+// then raises timeout_ (only a slot or index the writer keeps changing, or a corrupt file,
+// gets there).
+// The counts in the header (recordCount, classUsed) are written after the change they count:
+// a reader may see them one change behind, and after a writer died inside a change they stay
+// so until the next writer's recovery recounts.
 // Iteration walks the slots of each class up to its high-water mark and yields the stable,
 // live ones; a record replaced during the walk may be seen twice (old and new copy) or, if
 // it moved behind the walk, not at all; changeSeq tells a reader that it has to walk again.
@@ -111,8 +122,11 @@
 // The header is validated (magic, version, ABI, kind, checksum, file size, region bounds).
 // Then the index is scanned: each reference must name a live, stable slot inside its class
 // whose key matches the tag. If indexSeq is odd (the last writer died while moving entries),
-// duplicate entries are expected and the index is rebuilt from the set of referenced slots,
-// under an odd indexSeq, so readers retry meanwhile; otherwise any duplicate is corruption.
+// a duplicate entry, an entry out of reach of its home, and an entry whose tag is not its
+// key's (a move that stored the tag and not yet the reference: its reference is the deleted
+// record's, or one kept elsewhere) are expected; such entries are dropped and the index is
+// rebuilt from the set of referenced slots, under an odd indexSeq, so readers retry
+// meanwhile. With an even indexSeq any of them is corruption.
 // Then every slot below the high-water marks is classified: referenced slots are live; any
 // other slot (half-written, odd gen; or replaced but not yet retired) is freed with an even
 // generation. Counts, high-water marks and the free lists are rebuilt from that scan, and

@@ -31,13 +31,22 @@ namespace {
 // ---- atomic access to the mapping -------------------------------------------------------------
 // Every shared word is a U32 reached through std::atomic_ref. A load of a read-only mapping is
 // a plain load on every target we build for (32-bit atomics never use a locked instruction to
-// read).
+// read). The seqlock is written without standalone fences: the words of a slot are stored
+// with release and loaded with acquire, which orders them against the generation counter
+// just as the fences would (on x86 both are plain moves) and which the thread sanitizer
+// understands.
 
 inline U32 load(U32 const& w, std::memory_order order = std::memory_order_relaxed) noexcept {
     return std::atomic_ref<U32>(const_cast<U32&>(w)).load(order);
 }
 inline void store(U32& w, U32 v, std::memory_order order = std::memory_order_relaxed) noexcept {
     std::atomic_ref<U32>(w).store(v, order);
+}
+
+// Statistics: a relaxed load and store rather than a locked add, which would cost more than
+// the lookup it counts. Increments of threads racing on one table may be lost.
+inline void bump(std::atomic<U64>& counter, U64 by) noexcept {
+    counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
 }
 
 U64 fnv1a64(void const* data, std::size_t n) noexcept {
@@ -491,12 +500,6 @@ void StrataMap::corruptionDetected(std::string const& what) const {
 
 // ---- slots and keys ---------------------------------------------------------------------------
 
-U32 StrataMap::keyHash(U32 const* keyWords, U32 nWords) noexcept {
-    U32 h = 0x9E3779B9u ^ nWords;
-    for (U32 i = 0; i < nWords; ++i) h = Velnet::fmix32(h ^ keyWords[i]);
-    return h;
-}
-
 U32 StrataMap::home(U32 hash) const noexcept {
     return U32((U64(hash) * indexEntries_) >> 32);
 }
@@ -510,18 +513,14 @@ void StrataMap::checkRef(U32 ref, char const* where) const {
     }
 }
 
-U32* StrataMap::slotWords(U32 ref) const noexcept {
-    ClassGeometry const& g = classes_[refClass(ref)];
-    return reinterpret_cast<U32*>(g.base + std::size_t(refSlot(ref)) * g.slotSize);
-}
-
 StrataMap::ReadResult StrataMap::readSlot(U32 ref, SlotCopy& out) const noexcept {
     U32 const* w = slotWords(ref);
     U32 const n = classes_[refClass(ref)].slotSize / 4;
     U32 const g1 = load(w[0], std::memory_order_acquire);
     if (g1 & 1) return ReadResult::torn;
-    for (U32 i = 1; i < n; ++i) out.word[i] = load(w[i]);
-    std::atomic_thread_fence(std::memory_order_acquire);
+    for (U32 i = 1; i < n; ++i) out.word[i] = load(w[i], std::memory_order_acquire);
+    // The acquire loads keep this load after them: a word from a write that began after the
+    // first look at gen makes gen differ here.
     if (load(w[0]) != g1) return ReadResult::torn;
     out.word[0] = g1;
     out.ref = ref;
@@ -552,7 +551,7 @@ bool StrataMap::readTimedOut(U32 attempt, U64 startNs) const noexcept {
 }
 
 void StrataMap::throwTimeout(char const* op) const {
-    counters_.timeouts.fetch_add(1, std::memory_order_relaxed);
+    bump(counters_.timeouts, 1);
     throw Exception(ExceptionId::timeout_, "Strata table " + path_ + ": " + op +
                                                " found no stable copy within " +
                                                num(options_.readTimeoutMs) + " ms");
@@ -572,7 +571,7 @@ bool StrataMap::writerAlive() const noexcept {
 
 bool StrataMap::find(void const* key, SlotCopy& out) const {
     if (!attached_) return false;
-    counters_.lookups.fetch_add(1, std::memory_order_relaxed);
+    bump(counters_.lookups, 1);
     U32 keyWords[8];
     std::memcpy(keyWords, key, shape_.keySize);
     U32 const nKey = shape_.keySize / 4;
@@ -581,7 +580,7 @@ bool StrataMap::find(void const* key, SlotCopy& out) const {
     U64 const start = nowNs();
     for (U32 attempt = 0;; ++attempt) {
         if (attempt > 0) {
-            counters_.retries.fetch_add(1, std::memory_order_relaxed);
+            bump(counters_.retries, 1);
             if (readTimedOut(attempt, start)) throwTimeout("find");
             backoff(attempt);
         }
@@ -594,7 +593,7 @@ bool StrataMap::find(void const* key, SlotCopy& out) const {
             IndexEntry const& e = index_[pos];
             U32 const ref = load(e.ref, std::memory_order_acquire);
             if (ref == 0) {
-                std::atomic_thread_fence(std::memory_order_acquire);
+                // The acquire loads of the entries keep this load after them.
                 if (load(hdr.indexSeq) == seq) {
                     if ((seq & 1) == 0) return false;
                     // Odd and not moving: when no writer holds the table, the last one died
@@ -608,7 +607,7 @@ bool StrataMap::find(void const* key, SlotCopy& out) const {
                 restart = true;
                 break;
             }
-            if (load(e.tag) == h) {
+            if (load(e.tag, std::memory_order_acquire) == h) {
                 checkRef(ref, "index entry");
                 if (readSlot(ref, out) == ReadResult::torn) {
                     restart = true;
@@ -631,7 +630,6 @@ bool StrataMap::find(void const* key, SlotCopy& out) const {
             pos = pos + 1 == indexEntries_ ? 0 : pos + 1;
         }
         if (restart) continue;
-        std::atomic_thread_fence(std::memory_order_acquire);
         if ((seq & 1) == 0 && load(hdr.indexSeq) == seq) {
             corruptionDetected("index has no empty entry");
         }
@@ -654,7 +652,7 @@ bool StrataMap::nextLive(U32& cls, U32& slot, SlotCopy& out) const {
             // over, which also keeps a slot left odd by a dead writer from stopping the walk.
             ReadResult r = readSlot(ref, out);
             for (U32 attempt = 1; r == ReadResult::torn && attempt < 8; ++attempt) {
-                counters_.retries.fetch_add(1, std::memory_order_relaxed);
+                bump(counters_.retries, 1);
                 backoff(attempt + 8);
                 r = readSlot(ref, out);
             }
@@ -725,47 +723,51 @@ U32 StrataMap::allocateSlot(U32 cls) {
     return slot;
 }
 
-void StrataMap::writeSlot(U32 ref, U32 const* words) noexcept {
-    U32* w = slotWords(ref);
-    U32 const n = classes_[refClass(ref)].slotSize / 4;
-    U32 const gen = load(w[0]);
-    KAL_DASSERT((gen & 1) == 0);
-    store(w[0], gen + 1);
-    std::atomic_thread_fence(std::memory_order_release);
-    store(w[1], (words[1] & ~U32(0xFF)) | live_);
-    for (U32 i = 2; i < n; ++i) store(w[i], words[i]);
-    store(w[0], gen + 2, std::memory_order_release);
-}
-
 void StrataMap::retireSlot(U32 ref) noexcept {
     U32* w = slotWords(ref);
     U32 const gen = load(w[0]);
     U32 const odd = gen | 1;
     store(w[0], odd);
-    std::atomic_thread_fence(std::memory_order_release);
-    store(w[1], load(w[1]) & ~U32(0xFF)); // state free
+    store(w[1], load(w[1]) & ~U32(0xFF), std::memory_order_release); // state free
     store(w[0], odd + 1, std::memory_order_release);
 }
 
-void StrataMap::publishCounts() noexcept {
+void StrataMap::publishCounts(U32 clsA, U32 clsB) noexcept {
     FileHeader& h = writableHeader();
     store(h.recordCount, count_, std::memory_order_release);
-    for (U32 c = 0; c < shape_.classCount; ++c) store(h.classUsed[c], used_[c]);
+    if (clsA >= maxClasses) {
+        for (U32 c = 0; c < shape_.classCount; ++c) store(h.classUsed[c], used_[c]);
+    } else {
+        store(h.classUsed[clsA], used_[clsA]);
+        if (clsB < maxClasses) store(h.classUsed[clsB], used_[clsB]);
+    }
     store(h.changeSeq, ++changeSeq_, std::memory_order_release);
 }
 
 void StrataMap::throwTableFull(std::string const& what) {
-    counters_.tableFull.fetch_add(1, std::memory_order_relaxed);
+    bump(counters_.tableFull, 1);
     throw Exception(ExceptionId::tableFull_, "Strata table " + path_ + " " + what);
 }
 
-void StrataMap::put(U32 cls, U32 const* words) {
+U32* StrataMap::putBegin(U32 cls, void const* key) {
     KAL_ASSERT(writer_ && attached_);
     KAL_ASSERT(cls < shape_.classCount);
-    void const* key = words + 2;
-    U32 const hash = keyHash(words + 2, shape_.keySize / 4);
+    KAL_ASSERT(pending_.ref == 0);
+    // The slot the copy will most likely go to (the top of the free list, else the next
+    // unused one) is fetched for writing now, so that its cache lines arrive while the index
+    // is searched: slots are written copy-on-write, so the new copy's lines are never the
+    // ones most recently written.
+    ClassGeometry const& g = classes_[cls];
+    U32 const next = freeSlots_[cls].empty() ? highWater_[cls] : freeSlots_[cls].back();
+    if (next < g.slotCount) {
+        U8 const* p = g.base + std::size_t(next) * g.slotSize;
+        for (U32 off = 0; off < g.slotSize; off += 64) __builtin_prefetch(p + off, 1);
+    }
+    U32 keyWords[8];
+    std::memcpy(keyWords, key, shape_.keySize);
+    U32 const hash = keyHash(keyWords, shape_.keySize / 4);
     U32 pos = 0;
-    bool const found = findEntry(key, hash, pos);
+    bool const found = findEntry(keyWords, hash, pos);
     U32 const oldRef = found ? load(index_[pos].ref) : 0;
     bool const sameClass = found && refClass(oldRef) == cls;
     if (!found && count_ >= maxRecords_) {
@@ -778,24 +780,45 @@ void StrataMap::put(U32 cls, U32 const* words) {
                                  num(classes_[cls].capacity) + " records"
                            : "is full: " + num(classes_[cls].capacity) + " records");
     }
-    U32 const slot = allocateSlot(cls);
-    U32 const ref = refOf(cls, slot);
-    writeSlot(ref, words);
-    IndexEntry& e = index_[pos];
-    if (found) {
+    // Nothing can fail from here on.
+    U32 const ref = refOf(cls, allocateSlot(cls));
+    pending_ = Pending{ref, oldRef, pos, hash};
+    U32* w = slotWords(ref);
+    U32 const gen = load(w[0]);
+    KAL_DASSERT((gen & 1) == 0);
+    store(w[0], gen + 1);
+    return w;
+}
+
+void StrataMap::putCommit() noexcept {
+    KAL_ASSERT(pending_.ref != 0);
+    Pending const p = std::exchange(pending_, Pending{});
+    U32* w = slotWords(p.ref);
+    U32 const cls = refClass(p.ref);
+    store(w[1], (load(w[1]) & ~U32(0xFF)) | live_, std::memory_order_release);
+    store(w[0], load(w[0]) + 1, std::memory_order_release);
+    IndexEntry& e = index_[p.pos];
+    if (p.oldRef) {
         // The one store that publishes the new copy; the old one is retired after it.
-        store(e.ref, ref, std::memory_order_release);
-        retireSlot(oldRef);
-        --used_[refClass(oldRef)];
-        freeSlots_[refClass(oldRef)].push_back(refSlot(oldRef));
+        store(e.ref, p.ref, std::memory_order_release);
+        retireSlot(p.oldRef);
+        --used_[refClass(p.oldRef)];
+        freeSlots_[refClass(p.oldRef)].push_back(refSlot(p.oldRef));
     } else {
-        store(e.tag, hash);
-        store(e.ref, ref, std::memory_order_release);
+        store(e.tag, p.hash);
+        store(e.ref, p.ref, std::memory_order_release);
         ++count_;
     }
     ++used_[cls];
-    publishCounts();
-    counters_.commits.fetch_add(1, std::memory_order_relaxed);
+    publishCounts(cls, p.oldRef ? refClass(p.oldRef) : maxClasses);
+    bump(counters_.commits, 1);
+}
+
+void StrataMap::put(U32 cls, U32 const* words) {
+    U32* w = putBegin(cls, words + 2);
+    U32 const n = classes_[cls].slotSize / 4;
+    for (U32 i = 1; i < n; ++i) store(w[i], words[i], std::memory_order_release);
+    putCommit();
 }
 
 void StrataMap::shiftBack(U32 hole) noexcept {
@@ -810,12 +833,12 @@ void StrataMap::shiftBack(U32 hole) noexcept {
         // The entry at j may stay when its home lies cyclically in (i, j].
         bool const stays = i <= j ? (i < k && k <= j) : (i < k || k <= j);
         if (stays) continue;
-        store(index_[i].tag, tj);
+        store(index_[i].tag, tj, std::memory_order_release);
         store(index_[i].ref, rj, std::memory_order_release);
         i = j;
     }
     store(index_[i].ref, 0, std::memory_order_release);
-    store(index_[i].tag, 0);
+    store(index_[i].tag, 0, std::memory_order_release);
 }
 
 bool StrataMap::remove(void const* key) {
@@ -827,16 +850,16 @@ bool StrataMap::remove(void const* key) {
     if (!findEntry(keyWords, hash, pos)) return false;
     U32 const ref = load(index_[pos].ref);
     FileHeader& h = writableHeader();
+    // Odd first; the release stores of the shift keep it ahead of every move.
     store(h.indexSeq, ++indexSeq_);
-    std::atomic_thread_fence(std::memory_order_release);
     shiftBack(pos);
     store(h.indexSeq, ++indexSeq_, std::memory_order_release);
     retireSlot(ref);
     --used_[refClass(ref)];
     freeSlots_[refClass(ref)].push_back(refSlot(ref));
     --count_;
-    publishCounts();
-    counters_.deletes.fetch_add(1, std::memory_order_relaxed);
+    publishCounts(refClass(ref));
+    bump(counters_.deletes, 1);
     return true;
 }
 
@@ -871,7 +894,13 @@ void StrataMap::recover(bool repair) {
         }
         U32 const tag = load(index_[i].tag);
         if (keyHash(w + 2, nKey) != tag) {
-            corruptionDetected(where + " tag " + hex(tag) + " is not the hash of its key");
+            // A move of the interrupted delete stored the tag and died before the reference:
+            // the reference here is the deleted record's or a copy kept elsewhere. Dropped.
+            if (!interrupted) {
+                corruptionDetected(where + " tag " + hex(tag) + " is not the hash of its key");
+            }
+            rebuild = true;
+            continue;
         }
         U8& bit = live[refClass(ref)][refSlot(ref)];
         if (bit) {
@@ -970,7 +999,7 @@ void StrataMap::recover(bool repair) {
         refs.reserve(byTag.size());
         for (auto const& [tag, ref] : byTag) refs.push_back(ref);
         rebuildIndex(refs);
-        counters_.indexRebuilds.fetch_add(1, std::memory_order_relaxed);
+        bump(counters_.indexRebuilds, 1);
     }
     indexSeq_ = load(hdr.indexSeq);
     count_ = U32(byTag.size());
@@ -979,7 +1008,7 @@ void StrataMap::recover(bool repair) {
         highWater_[c] = highWater[c];
         freeSlots_[c] = std::move(freeList[c]);
     }
-    counters_.recoveredSlots.fetch_add(recovered, std::memory_order_relaxed);
+    bump(counters_.recoveredSlots, recovered);
     FileHeader& h = writableHeader();
     changeSeq_ = load(h.changeSeq);
     store(h.writerPid, U32(::getpid()));
@@ -990,20 +1019,17 @@ void StrataMap::recover(bool repair) {
 void StrataMap::rebuildIndex(std::vector<U32> const& refs) {
     FileHeader& h = writableHeader();
     U32 seq = load(h.indexSeq);
-    if ((seq & 1) == 0) {
-        store(h.indexSeq, ++seq);
-        std::atomic_thread_fence(std::memory_order_release);
-    }
+    if ((seq & 1) == 0) store(h.indexSeq, ++seq);
     for (U32 i = 0; i < indexEntries_; ++i) {
-        store(index_[i].ref, 0);
-        store(index_[i].tag, 0);
+        store(index_[i].ref, 0, std::memory_order_release);
+        store(index_[i].tag, 0, std::memory_order_release);
     }
     U32 const nKey = shape_.keySize / 4;
     for (U32 ref : refs) {
         U32 const tag = keyHash(slotWords(ref) + 2, nKey);
         U32 pos = home(tag);
         while (load(index_[pos].ref) != 0) pos = pos + 1 == indexEntries_ ? 0 : pos + 1;
-        store(index_[pos].tag, tag);
+        store(index_[pos].tag, tag, std::memory_order_release);
         store(index_[pos].ref, ref, std::memory_order_release);
     }
     store(h.indexSeq, seq + 1, std::memory_order_release);

@@ -14,6 +14,7 @@
 #include "Strata/StrataLayout.h"
 
 #include "Kal/Types.h"
+#include "Velnet/Hash.h"
 
 #include <atomic>
 #include <cstddef>
@@ -106,6 +107,16 @@ class StrataMap final : public StrataBase {
     // key sits at byte 8) as the record of its key, replacing any record with that key.
     // tableFull_ (nothing changed) when the table or the class is full.
     void put(U32 cls, U32 const* words);
+    // The same in two halves, for an encoder that writes the slot in place rather than
+    // through an image. putBegin checks room for the key (tableFull_ leaves everything as it
+    // was), takes a free slot of the class, makes its generation odd and returns its words;
+    // the caller stores words 1 .. slotSize/4 - 1 with storeWord (the key at byte 8), then
+    // putCommit publishes the slot. Nothing else may run on the table in between.
+    U32* putBegin(U32 cls, void const* key);
+    void putCommit() noexcept;
+    static void storeWord(U32& w, U32 v) noexcept {
+        std::atomic_ref<U32>(w).store(v, std::memory_order_release);
+    }
     // Removes the record with this key; false when there was none.
     bool remove(void const* key);
     // The direct-write slot (directWriteSize bytes of the writer's mapping).
@@ -117,7 +128,11 @@ class StrataMap final : public StrataBase {
     [[noreturn]] void corruptionDetected(std::string const& what) const;
 
     // The hash of a key (keySize bytes) that the index is keyed by.
-    static U32 keyHash(U32 const* keyWords, U32 nWords) noexcept;
+    static U32 keyHash(U32 const* keyWords, U32 nWords) noexcept {
+        U32 h = 0x9E3779B9u ^ nWords;
+        for (U32 i = 0; i < nWords; ++i) h = Velnet::fmix32(h ^ keyWords[i]);
+        return h;
+    }
     // The file name of a table: <directory>/<prefix>-<suffix>.
     static std::string tablePath(std::string const& directory, std::string const& prefix,
                                  char const* suffix);
@@ -141,7 +156,10 @@ class StrataMap final : public StrataBase {
     void rebuildIndex(std::vector<U32> const& refs);
     void unmap() noexcept;
 
-    U32* slotWords(U32 ref) const noexcept;
+    U32* slotWords(U32 ref) const noexcept {
+        ClassGeometry const& g = classes_[layout::refClass(ref)];
+        return reinterpret_cast<U32*>(g.base + std::size_t(layout::refSlot(ref)) * g.slotSize);
+    }
     void checkRef(U32 ref, char const* where) const;
     ReadResult readSlot(U32 ref, SlotCopy& out) const noexcept;
     bool keyInSlotEquals(U32 ref, void const* key) const noexcept;
@@ -149,10 +167,11 @@ class StrataMap final : public StrataBase {
     // Writer: the index position of the key's entry, or of the empty entry ending its run.
     bool findEntry(void const* key, U32 hash, U32& pos) const;
     U32 allocateSlot(U32 cls);
-    void writeSlot(U32 ref, U32 const* words) noexcept;
     void retireSlot(U32 ref) noexcept;
     void shiftBack(U32 hole) noexcept;
-    void publishCounts() noexcept;
+    // Stores the counts (all classes, or the one or two a change touched) and advances
+    // changeSeq.
+    void publishCounts(U32 clsA = layout::maxClasses, U32 clsB = layout::maxClasses) noexcept;
     void backoff(U32 attempt) const noexcept;
     // True unless no process holds the table's writer lock.
     bool writerAlive() const noexcept;
@@ -189,6 +208,13 @@ class StrataMap final : public StrataBase {
     U32 highWater_[layout::maxClasses] = {};
     U32 count_ = 0;
     U32 indexSeq_ = 0;
+    struct Pending {
+        U32 ref = 0;    // the slot being written; 0: none
+        U32 oldRef = 0; // the copy it replaces; 0: a new key
+        U32 pos = 0;    // the key's index entry (or the empty one it goes into)
+        U32 hash = 0;
+    };
+    Pending pending_;
     U32 changeSeq_ = 0;
 
     struct AtomicCounters {

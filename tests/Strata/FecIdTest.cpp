@@ -12,7 +12,7 @@ namespace {
 using Strata::Fib::AdjType;
 using Strata::Fib::FecId;
 
-TEST(FecIdTest, EnumerationsHaveTheirPublishedValues) {
+TEST(StrataFecIdTest, EnumerationsHaveTheirPublishedValues) {
     EXPECT_EQ(Strata::Fib::fibAdj_, 0);
     EXPECT_EQ(Strata::Fib::resilientEcmpAdj_, 1);
     EXPECT_EQ(Strata::Fib::nextHopGroupAdj_, 2);
@@ -34,7 +34,7 @@ TEST(FecIdTest, EnumerationsHaveTheirPublishedValues) {
     EXPECT_EQ(FecId(), FecId(Strata::Fib::invalidFecId_));
 }
 
-TEST(FecIdTest, AdjacencyTypeSitsAtTheReportedPosition) {
+TEST(StrataFecIdTest, AdjacencyTypeSitsAtTheReportedPosition) {
     U32 const pos = Strata::Fib::adjTypePos();
     ASSERT_GT(pos, 32u) << "next-hop-group ids and allocator indices need room below the type";
     ASSERT_LT(pos, 62u) << "the type field needs room for adjTypeMax_";
@@ -63,13 +63,13 @@ TEST(FecIdTest, AdjacencyTypeSitsAtTheReportedPosition) {
     EXPECT_EQ(FecId(~U64(0)).adjType(), Strata::Fib::adjTypeMax_);
 }
 
-TEST(FecIdTest, IndexReachingTheTypeFieldIsAProgrammingError) {
+TEST(StrataFecIdTest, IndexReachingTheTypeFieldIsAProgrammingError) {
     U64 const tooBig = U64(1) << Strata::Fib::adjTypePos();
     EXPECT_DEATH(FecId::fromAdjType(Strata::Fib::fibAdj_, tooBig),
                  "assertion failed: index >> adjTypePos\\(\\) == 0");
 }
 
-TEST(FecIdTest, HashIsHighWordXorLowWord) {
+TEST(StrataFecIdTest, HashIsHighWordXorLowWord) {
     std::mt19937_64 rng(20240611);
     for (int i = 0; i < 1000; ++i) {
         U64 const v = rng();
@@ -82,7 +82,7 @@ TEST(FecIdTest, HashIsHighWordXorLowWord) {
     EXPECT_EQ(std::hash<FecId>()(FecId(0x1234567800000001ull)), 0x12345679u);
 }
 
-TEST(FecIdTest, OrderIsNumeric) {
+TEST(StrataFecIdTest, OrderIsNumeric) {
     std::set<FecId> ids{FecId(5), FecId(1), FecId(~U64(0)), FecId(U64(1) << 40), FecId(2)};
     std::vector<U64> values;
     for (FecId id : ids) values.push_back(id.value());
@@ -91,7 +91,7 @@ TEST(FecIdTest, OrderIsNumeric) {
     EXPECT_NE(FecId(1), FecId(2));
 }
 
-TEST(FecIdTest, LayoutIsOneEightByteAlignedWord) {
+TEST(StrataFecIdTest, LayoutIsOneEightByteAlignedWord) {
     // alignas(8) keeps records holding a FecId identical in the 64-bit and the i386 build.
     static_assert(sizeof(FecId) == 8 && alignof(FecId) == 8);
     struct Holder {

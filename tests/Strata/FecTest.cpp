@@ -31,15 +31,15 @@ typename F::Via viaNo(U32 n) {
 }
 
 template <class F>
-class FecBothFamiliesTest : public ::testing::Test {
+class StrataFecBothFamiliesTest : public ::testing::Test {
   protected:
     // FECs are 1.5 and 3 KB; keep them off the test's stack frame.
     std::unique_ptr<F> make(U64 id = 0) { return std::make_unique<F>(FecId(id)); }
 };
 using Families = ::testing::Types<Strata::Fib::Fec, Strata::Fib6::Fec>;
-TYPED_TEST_SUITE(FecBothFamiliesTest, Families);
+TYPED_TEST_SUITE(StrataFecBothFamiliesTest, Families);
 
-TYPED_TEST(FecBothFamiliesTest, DefaultHasNoViasNoGroupAndForwardType) {
+TYPED_TEST(StrataFecBothFamiliesTest, DefaultHasNoViasNoGroupAndForwardType) {
     auto f = this->make();
     EXPECT_EQ(f->fecId(), FecId());
     EXPECT_EQ(f->fecType(), Strata::Fib::forward_);
@@ -53,7 +53,7 @@ TYPED_TEST(FecBothFamiliesTest, DefaultHasNoViasNoGroupAndForwardType) {
     EXPECT_FALSE(f->hasVia(0));
 }
 
-TYPED_TEST(FecBothFamiliesTest, ScalarFieldsReadBackWhatWasSet) {
+TYPED_TEST(StrataFecBothFamiliesTest, ScalarFieldsReadBackWhatWasSet) {
     auto f = this->make(42);
     EXPECT_EQ(f->fecId(), FecId(42));
     f->fecIdIs(FecId(43));
@@ -68,7 +68,7 @@ TYPED_TEST(FecBothFamiliesTest, ScalarFieldsReadBackWhatWasSet) {
     EXPECT_EQ(U8(f->fecType()), 200u);
 }
 
-TYPED_TEST(FecBothFamiliesTest, DenseViasFillPositionsInOrder) {
+TYPED_TEST(StrataFecBothFamiliesTest, DenseViasFillPositionsInOrder) {
     auto f = this->make(9);
     for (U32 i = 0; i < 128; ++i) f->viaIs(i, viaNo<TypeParam>(i));
     EXPECT_EQ(f->vias(), 128u);
@@ -88,7 +88,7 @@ TYPED_TEST(FecBothFamiliesTest, DenseViasFillPositionsInOrder) {
     EXPECT_EQ(f->via(5), viaNo<TypeParam>(1000));
 }
 
-TYPED_TEST(FecBothFamiliesTest, DeletedMiddlePositionLeavesAHoleThatEveryReaderSees) {
+TYPED_TEST(StrataFecBothFamiliesTest, DeletedMiddlePositionLeavesAHoleThatEveryReaderSees) {
     auto f = this->make(9);
     for (U32 i = 0; i < 4; ++i) f->viaIs(i, viaNo<TypeParam>(i));
     f->viaDel(1);
@@ -111,7 +111,7 @@ TYPED_TEST(FecBothFamiliesTest, DeletedMiddlePositionLeavesAHoleThatEveryReaderS
     EXPECT_EQ(*f, *this->make(9)) << "viaDelAll must leave no trace of the vias";
 }
 
-TYPED_TEST(FecBothFamiliesTest, Position128IsRefusedAndNothingChanges) {
+TYPED_TEST(StrataFecBothFamiliesTest, Position128IsRefusedAndNothingChanges) {
     auto f = this->make(9);
     for (U32 i = 0; i < 128; ++i) f->viaIs(i, viaNo<TypeParam>(i));
     auto const before = *f;
@@ -127,7 +127,7 @@ TYPED_TEST(FecBothFamiliesTest, Position128IsRefusedAndNothingChanges) {
     EXPECT_EQ(*f, before);
 }
 
-TYPED_TEST(FecBothFamiliesTest, EqualityLooksAtEveryFieldAndPosition) {
+TYPED_TEST(StrataFecBothFamiliesTest, EqualityLooksAtEveryFieldAndPosition) {
     auto a = this->make(1);
     a->viaIs(0, viaNo<TypeParam>(0));
     a->viaIs(1, viaNo<TypeParam>(1));
@@ -155,7 +155,7 @@ TYPED_TEST(FecBothFamiliesTest, EqualityLooksAtEveryFieldAndPosition) {
     EXPECT_EQ(*a, *b);
 }
 
-TYPED_TEST(FecBothFamiliesTest, RandomEditsMatchAMapOfPositions) {
+TYPED_TEST(StrataFecBothFamiliesTest, RandomEditsMatchAMapOfPositions) {
     unsigned const seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
@@ -193,7 +193,7 @@ TYPED_TEST(FecBothFamiliesTest, RandomEditsMatchAMapOfPositions) {
     }
 }
 
-TEST(FecLayoutTest, SameBytesInEveryBuild) {
+TEST(StrataFecLayoutTest, SameBytesInEveryBuild) {
     static_assert(sizeof(Strata::Fib::Fec) == 1568 && alignof(Strata::Fib::Fec) == 8);
     static_assert(sizeof(Strata::Fib6::Fec) == 3104 && alignof(Strata::Fib6::Fec) == 8);
     auto f = std::make_unique<Strata::Fib::Fec>(FecId(0x1122334455667788ull));

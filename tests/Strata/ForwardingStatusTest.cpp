@@ -33,15 +33,15 @@ std::unique_ptr<FecT> fecWith(U64 id, U32 n, U16 nhg = 0xFFFF) {
 }
 
 template <class Table>
-class FecTableTest : public ::testing::Test {
+class StrataFecTableTest : public ::testing::Test {
   protected:
     using FecT = typename Table::Fec;
     TablePrefix prefix;
 };
 using Tables = ::testing::Types<Strata::Fib::ForwardingStatus, Strata::Fib6::ForwardingStatus>;
-TYPED_TEST_SUITE(FecTableTest, Tables);
+TYPED_TEST_SUITE(StrataFecTableTest, Tables);
 
-TYPED_TEST(FecTableTest, StoredFecsAreFoundReplacedAndDeleted) {
+TYPED_TEST(StrataFecTableTest, StoredFecsAreFoundReplacedAndDeleted) {
     using FecT = typename TestFixture::FecT;
     auto t = TypeParam::writer(this->prefix, smallFecCapacity(64, 16));
     EXPECT_TRUE(t->attached());
@@ -66,7 +66,7 @@ TYPED_TEST(FecTableTest, StoredFecsAreFoundReplacedAndDeleted) {
     EXPECT_EQ(t->fecClassFecs(TypeParam::fecClassOf(*a)), 0u);
 
     // The drop FEC: no vias at all.
-    FecT drop(FecId(Strata::Fib::ipv4DropFecId_));
+    FecT drop{FecId(Strata::Fib::ipv4DropFecId_)};
     drop.fecTypeIs(Strata::Fib::drop_);
     t->fecIs(drop);
     EXPECT_EQ(*t->fec(FecId(1)), drop);
@@ -83,7 +83,7 @@ TYPED_TEST(FecTableTest, StoredFecsAreFoundReplacedAndDeleted) {
     t->validate();
 }
 
-TYPED_TEST(FecTableTest, EveryViaCountAndHolesSurviveTheTable) {
+TYPED_TEST(StrataFecTableTest, EveryViaCountAndHolesSurviveTheTable) {
     using FecT = typename TestFixture::FecT;
     auto t = TypeParam::writer(this->prefix, smallFecCapacity(300, 80));
     std::map<U64, std::unique_ptr<FecT>> stored;
@@ -127,7 +127,7 @@ TYPED_TEST(FecTableTest, EveryViaCountAndHolesSurviveTheTable) {
     t->validate();
 }
 
-TYPED_TEST(FecTableTest, SizeClassesFollowTheHighestViaPosition) {
+TYPED_TEST(StrataFecTableTest, SizeClassesFollowTheHighestViaPosition) {
     using FecT = typename TestFixture::FecT;
     EXPECT_EQ(TypeParam::fecClasses(), 8u);
     EXPECT_EQ(TypeParam::fecClassOf(*fecWith<FecT>(1, 0)), 0u);
@@ -144,7 +144,7 @@ TYPED_TEST(FecTableTest, SizeClassesFollowTheHighestViaPosition) {
     EXPECT_EQ(TypeParam::fecClassOf(f), 7u);
 }
 
-TYPED_TEST(FecTableTest, FullSizeClassRefusesNewFecsWhileOtherClassesWork) {
+TYPED_TEST(StrataFecTableTest, FullSizeClassRefusesNewFecsWhileOtherClassesWork) {
     using FecT = typename TestFixture::FecT;
     Strata::FecCapacity cap = smallFecCapacity(100, 10);
     cap.classFecs[2] = 2; // FECs of 3 or 4 vias
@@ -182,7 +182,7 @@ TYPED_TEST(FecTableTest, FullSizeClassRefusesNewFecsWhileOtherClassesWork) {
     t->validate();
 }
 
-TYPED_TEST(FecTableTest, FullTableRefusesNewKeysButTakesReplacements) {
+TYPED_TEST(StrataFecTableTest, FullTableRefusesNewKeysButTakesReplacements) {
     using FecT = typename TestFixture::FecT;
     auto t = TypeParam::writer(this->prefix, smallFecCapacity(3, 10));
     for (U64 id = 1; id <= 3; ++id) t->fecIs(*fecWith<FecT>(id, 1));
@@ -199,7 +199,7 @@ TYPED_TEST(FecTableTest, FullTableRefusesNewKeysButTakesReplacements) {
     t->validate();
 }
 
-TYPED_TEST(FecTableTest, DirectWriteSlotIsFilledInPlaceAndCommittedInOneStep) {
+TYPED_TEST(StrataFecTableTest, DirectWriteSlotIsFilledInPlaceAndCommittedInOneStep) {
     using FecT = typename TestFixture::FecT;
     auto t = TypeParam::writer(this->prefix, smallFecCapacity(16, 8));
     auto ro = TypeParam::reader(this->prefix);
@@ -231,7 +231,7 @@ TYPED_TEST(FecTableTest, DirectWriteSlotIsFilledInPlaceAndCommittedInOneStep) {
     EXPECT_EQ(t->writerCounters().commits, 3u);
 }
 
-TYPED_TEST(FecTableTest, DirectWriteSlotOutsideItsStatesIsNoMansLand) {
+TYPED_TEST(StrataFecTableTest, DirectWriteSlotOutsideItsStatesIsNoMansLand) {
     using FecT = typename TestFixture::FecT;
     std::string const noMansLand = "StrataMap::directWrite() in no man's land";
     auto t = TypeParam::writer(this->prefix, smallFecCapacity(16, 8));
@@ -268,7 +268,7 @@ TYPED_TEST(FecTableTest, DirectWriteSlotOutsideItsStatesIsNoMansLand) {
     }
 }
 
-TYPED_TEST(FecTableTest, DirectWriteSlotIsGoneAfterAFailedCommit) {
+TYPED_TEST(StrataFecTableTest, DirectWriteSlotIsGoneAfterAFailedCommit) {
     using FecT = typename TestFixture::FecT;
     auto t = TypeParam::writer(this->prefix, smallFecCapacity(1, 4));
     t->fecIs(*fecWith<FecT>(1, 1));
@@ -283,7 +283,7 @@ TYPED_TEST(FecTableTest, DirectWriteSlotIsGoneAfterAFailedCommit) {
     EXPECT_TRUE(t->fec(FecId(2)).has_value());
 }
 
-TYPED_TEST(FecTableTest, CommittingAnotherPointerIsAProgrammingError) {
+TYPED_TEST(StrataFecTableTest, CommittingAnotherPointerIsAProgrammingError) {
     using FecT = typename TestFixture::FecT;
     auto t = TypeParam::writer(this->prefix, smallFecCapacity(4, 4));
     FecT other(FecId(1));
@@ -291,7 +291,7 @@ TYPED_TEST(FecTableTest, CommittingAnotherPointerIsAProgrammingError) {
     EXPECT_DEATH(t->fecCommit(&other), "assertion failed: fec == directWriteSlot_");
 }
 
-TYPED_TEST(FecTableTest, TablesAreFrameworkEntities) {
+TYPED_TEST(StrataFecTableTest, TablesAreFrameworkEntities) {
     auto t = TypeParam::writer(this->prefix, smallFecCapacity(4, 4));
     Kal::KalType const* type = t->fwkType();
     ASSERT_NE(type, nullptr);
@@ -308,7 +308,7 @@ TYPED_TEST(FecTableTest, TablesAreFrameworkEntities) {
     EXPECT_EQ(held->references(), 2u);
 }
 
-TEST(FecCapacityTest, DefaultPolicyGivesFewerBigFecs) {
+TEST(StrataFecCapacityTest, DefaultPolicyGivesFewerBigFecs) {
     auto const c = Strata::FecCapacity::forFecs(65536);
     EXPECT_EQ(c.maxFecs, 65536u);
     EXPECT_EQ(c.classFecs[0], 65536u);

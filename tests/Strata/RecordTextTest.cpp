@@ -31,7 +31,7 @@ std::string parseError(auto parse) {
     return "<accepted>";
 }
 
-TEST(RecordTextTest, EveryRecordTypeIsRegisteredUnderItsQualifiedName) {
+TEST(StrataRecordTextTest, EveryRecordTypeIsRegisteredUnderItsQualifiedName) {
     Strata::kalInitStrataRecords();
     for (char const* name :
          {"Strata::Fib::ViaIndex", "Strata::Fib::Via", "Strata::Fib6::Via", "Strata::Fib::FecId",
@@ -46,7 +46,7 @@ TEST(RecordTextTest, EveryRecordTypeIsRegisteredUnderItsQualifiedName) {
     EXPECT_EQ(Kal::kalTypeOf<Strata::Fib::ViaIndex>().constraint("max"), Kal::String8("127"));
 }
 
-TEST(RecordTextTest, ViasPrintQuotedAndReadBack) {
+TEST(StrataRecordTextTest, ViasPrintQuotedAndReadBack) {
     Strata::Fib::Via const v(Velnet::IpAddr(10, 0, 0, 1), IntfId(IntfKind::ethernet_, 5));
     EXPECT_EQ(Kal::valueToStrep(v), Kal::String8("'10.0.0.1%Ethernet5'"));
     EXPECT_EQ(Kal::strepToValue<Strata::Fib::Via>("'10.0.0.1%Ethernet5'"), v);
@@ -62,7 +62,7 @@ TEST(RecordTextTest, ViasPrintQuotedAndReadBack) {
               "junk at column 19 deserializing '1.1.1.1%Ethernet1' x");
 }
 
-TEST(RecordTextTest, FecIdAndRoutePrintAsRecords) {
+TEST(StrataRecordTextTest, FecIdAndRoutePrintAsRecords) {
     EXPECT_EQ(Kal::valueToStrep(FecId(42)),
               Kal::String8("Value('Strata::Fib::FecId', ** {'value': 42})"));
     Strata::Fib::Route const r(Velnet::Prefix::fromString("10.0.0.0/24"), FecId(42),
@@ -84,7 +84,7 @@ TEST(RecordTextTest, FecIdAndRoutePrintAsRecords) {
     EXPECT_EQ(Kal::strepToValue<Strata::Fib6::Route>(Kal::valueToStrep(r6)), r6);
 }
 
-TEST(RecordTextTest, FecPrintsItsViaPositions) {
+TEST(StrataRecordTextTest, FecPrintsItsViaPositions) {
     auto f = std::make_unique<Strata::Fib::Fec>(FecId(7));
     EXPECT_EQ(Kal::valueToStrep(*f),
               Kal::String8("Value('Strata::Fib::Fec', ** {'fecId': Value('Strata::Fib::FecId', "
@@ -102,7 +102,7 @@ TEST(RecordTextTest, FecPrintsItsViaPositions) {
     EXPECT_EQ(*back, *f);
 }
 
-TEST(RecordTextTest, FecTextRoundTripsForRandomFecs) {
+TEST(StrataRecordTextTest, FecTextRoundTripsForRandomFecs) {
     unsigned const seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
@@ -122,7 +122,7 @@ TEST(RecordTextTest, FecTextRoundTripsForRandomFecs) {
     }
 }
 
-TEST(RecordTextTest, BadRecordTextIsRefusedWithItsReason) {
+TEST(StrataRecordTextTest, BadRecordTextIsRefusedWithItsReason) {
     std::string const head = "Value('Strata::Fib::Fec', ** {'via': {";
     std::string m = parseError([&] {
         Kal::strepToValue<Strata::Fib::Fec>(head + "128: '1.1.1.1%Ethernet1'}})");
@@ -154,7 +154,7 @@ TEST(RecordTextTest, BadRecordTextIsRefusedWithItsReason) {
     EXPECT_EQ(Kal::strepToValue<Strata::Fib::ViaIndex>("127"), Strata::Fib::ViaIndex(127));
 }
 
-TEST(RecordTextTest, ReflectionReadsRecordAttributes) {
+TEST(StrataRecordTextTest, ReflectionReadsRecordAttributes) {
     Strata::Fib::Route r(Velnet::Prefix::fromString("10.9.0.0/16"), FecId(99), Routing::Fib::rip_);
     auto const& type = Kal::kalTypeOf<Strata::Fib::Route>();
     Kal::Ptr<Kal::GenericIf> gi = new Kal::GenericIf(type, &r, true);

@@ -17,7 +17,7 @@ Strata::Fib::Route route4(char const* prefix, U64 fec, Routing::Fib::RouteType t
     return Strata::Fib::Route(Velnet::Prefix::fromString(prefix), FecId(fec), type);
 }
 
-TEST(RouteStatusTest, RoutesAreFoundReplacedDeletedAndWalked) {
+TEST(StrataRouteStatusTest, RoutesAreFoundReplacedDeletedAndWalked) {
     TablePrefix prefix;
     auto t = Strata::Fib::RouteStatus::writer(prefix, Strata::RouteCapacity{16});
     auto r = Strata::Fib::RouteStatus::reader(prefix);
@@ -54,7 +54,7 @@ TEST(RouteStatusTest, RoutesAreFoundReplacedDeletedAndWalked) {
     t->validate();
 }
 
-TEST(RouteStatusTest, Ipv6RoutesAndTheirTypes) {
+TEST(StrataRouteStatusTest, Ipv6RoutesAndTheirTypes) {
     TablePrefix prefix;
     auto t = Strata::Fib6::RouteStatus::writer(prefix, Strata::RouteCapacity{8});
     Strata::Fib6::Route const x(Velnet::Ip6Prefix::fromString("2001:db8::/32"), FecId(5),
@@ -71,7 +71,7 @@ TEST(RouteStatusTest, Ipv6RoutesAndTheirTypes) {
     EXPECT_EQ(n, 2u);
 }
 
-TEST(RouteStatusTest, FullTableRefusesNewPrefixesOnly) {
+TEST(StrataRouteStatusTest, FullTableRefusesNewPrefixesOnly) {
     TablePrefix prefix;
     auto t = Strata::Fib::RouteStatus::writer(prefix, Strata::RouteCapacity{2});
     t->routeIs(route4("10.1.0.0/16", 1, Routing::Fib::kernel_));
@@ -89,7 +89,7 @@ TEST(RouteStatusTest, FullTableRefusesNewPrefixesOnly) {
     t->validate();
 }
 
-TEST(RouteStatusTest, ManyRoutesWithChurnKeepTheIndexSound) {
+TEST(StrataRouteStatusTest, ManyRoutesWithChurnKeepTheIndexSound) {
     // Deletion shifts index entries back; heavy churn over a near-full table exercises every
     // shape of probe run, checked after each step against a map.
     TablePrefix prefix;

@@ -9,7 +9,7 @@ namespace {
 
 using Strata::Fib::FecId;
 
-TEST(RouteTypeTest, Ipv4ValuesAreThePublishedOnes) {
+TEST(StrataRouteTypeTest, Ipv4ValuesAreThePublishedOnes) {
     using namespace Routing::Fib;
     RouteType const all[] = {invalid_,       receive_,       receiveBcast_,  attached_,
                              staticConfig_,  kernel_,        rip_,           connected_,
@@ -21,7 +21,7 @@ TEST(RouteTypeTest, Ipv4ValuesAreThePublishedOnes) {
     EXPECT_EQ(sizeof(RouteType), 1u);
 }
 
-TEST(RouteTypeTest, Ipv6ValuesAreThePublishedOnes) {
+TEST(StrataRouteTypeTest, Ipv6ValuesAreThePublishedOnes) {
     using namespace Routing6::Fib;
     RouteType const all[] = {invalid_,      receive_,       attached_, staticConfig_, kernel_,
                              rip_,          connected_,     redirect_, bgpAggregate_,
@@ -30,7 +30,7 @@ TEST(RouteTypeTest, Ipv6ValuesAreThePublishedOnes) {
     EXPECT_EQ(sizeof(RouteType), 1u);
 }
 
-TEST(RouteTest, DefaultAccessorsAndEqualityOfAllFields) {
+TEST(StrataRouteTest, DefaultAccessorsAndEqualityOfAllFields) {
     Strata::Fib::Route const d;
     EXPECT_EQ(d.prefix(), Velnet::Prefix());
     EXPECT_EQ(d.fecId(), FecId());
@@ -57,7 +57,7 @@ TEST(RouteTest, DefaultAccessorsAndEqualityOfAllFields) {
     EXPECT_EQ(r, s);
 }
 
-TEST(RouteTest, Ipv6AccessorsAndEquality) {
+TEST(StrataRouteTest, Ipv6AccessorsAndEquality) {
     auto const p = Velnet::Ip6Prefix::fromString("2001:db8::/32");
     Strata::Fib6::Route r(p, FecId(7), Routing6::Fib::attached_);
     EXPECT_EQ(r.prefix(), p);
@@ -70,7 +70,7 @@ TEST(RouteTest, Ipv6AccessorsAndEquality) {
     EXPECT_EQ(Strata::Fib6::Route().routeType(), Routing6::Fib::invalid_);
 }
 
-TEST(RouteTest, LayoutIsFixed) {
+TEST(StrataRouteTest, LayoutIsFixed) {
     Strata::Fib::Route const r(Velnet::Prefix::fromString("10.0.0.0/8"), FecId(0x0102030405060708ull),
                                Routing::Fib::isis_);
     unsigned char b[24];

@@ -82,7 +82,7 @@ TEST(StrataExceptionTest, IdsNamesAndConversionToTheFrameworkException) {
 
 // ---- reading-only attachments -----------------------------------------------------------------
 
-TEST(ReadOnlyTableTest, WritesRemovesAndMaintenanceAreRefused) {
+TEST(StrataReadOnlyTableTest, WritesRemovesAndMaintenanceAreRefused) {
     TablePrefix prefix;
     auto w = Strata::Fib::ForwardingStatus::writer(prefix, smallFecCapacity(8, 4));
     auto rw = Strata::Fib::RouteStatus::writer(prefix, Strata::RouteCapacity{8});
@@ -112,7 +112,7 @@ TEST(ReadOnlyTableTest, WritesRemovesAndMaintenanceAreRefused) {
     EXPECT_EQ(w->fecs(), 1u);
 }
 
-TEST(ReadOnlyTableTest, ReaderInAnotherProcessIsRefusedToo) {
+TEST(StrataReadOnlyTableTest, ReaderInAnotherProcessIsRefusedToo) {
     TablePrefix prefix;
     auto w = Strata::Fib::ForwardingStatus::writer(prefix, smallFecCapacity(8, 4));
     auto rw = Strata::Fib::RouteStatus::writer(prefix, Strata::RouteCapacity{8});
@@ -138,7 +138,7 @@ TEST(ReadOnlyTableTest, ReaderInAnotherProcessIsRefusedToo) {
 
 // ---- the detached table -----------------------------------------------------------------------
 
-TEST(DetachedTableTest, DummyKindTracesAndDoesNothingElse) {
+TEST(StrataDetachedTableTest, DummyKindTracesAndDoesNothingElse) {
     Kal::TraceCapture capture("StrataBase/0");
     Strata::Fib::ForwardingStatus::Ptr t = new Strata::Fib::ForwardingStatus("spare");
     EXPECT_EQ(capture.texts(), (std::vector<Kal::String8>{"StrataBaseDummy::initialize() spare"}));
@@ -177,7 +177,7 @@ TEST(DetachedTableTest, DummyKindTracesAndDoesNothingElse) {
                                                           "StrataBaseDummy::initialize() spare"}));
 }
 
-TEST(DetachedTableTest, IteratorOfADetachedTableStops) {
+TEST(StrataDetachedTableTest, IteratorOfADetachedTableStops) {
     TablePrefix prefix;
     auto t = Strata::Fib::ForwardingStatus::writer(prefix, smallFecCapacity(8, 4));
     for (U64 id = 1; id <= 3; ++id) t->fecIs(*oneViaFec(id));
@@ -192,7 +192,7 @@ TEST(DetachedTableTest, IteratorOfADetachedTableStops) {
 
 // ---- one writer -------------------------------------------------------------------------------
 
-TEST(OneWriterTest, SecondWriterIsRefusedUntilTheFirstLetsGo) {
+TEST(StrataOneWriterTest, SecondWriterIsRefusedUntilTheFirstLetsGo) {
     TablePrefix prefix;
     auto first = Strata::Fib::ForwardingStatus::writer(prefix, smallFecCapacity(8, 4));
     Strata::ExceptionId id{};
@@ -209,7 +209,7 @@ TEST(OneWriterTest, SecondWriterIsRefusedUntilTheFirstLetsGo) {
     EXPECT_TRUE(r->fec(FecId(9)).has_value());
 }
 
-TEST(OneWriterTest, WriterInAnotherProcessHoldsTheTableUntilItDies) {
+TEST(StrataOneWriterTest, WriterInAnotherProcessHoldsTheTableUntilItDies) {
     TablePrefix prefix;
     int out = -1;
     pid_t const pid = strata_test::spawnHelper({"hold-writer", prefix}, &out);
@@ -228,7 +228,7 @@ TEST(OneWriterTest, WriterInAnotherProcessHoldsTheTableUntilItDies) {
 
 // ---- attaching --------------------------------------------------------------------------------
 
-TEST(AttachTest, BadNamesCapacitiesAndMissingTablesAreRefused) {
+TEST(StrataAttachTest, BadNamesCapacitiesAndMissingTablesAreRefused) {
     TablePrefix prefix;
     Strata::ExceptionId id{};
     EXPECT_EQ(raised<Strata::Exception>([&] { Strata::Fib::ForwardingStatus::reader(prefix); }, &id),
@@ -254,7 +254,7 @@ TEST(AttachTest, BadNamesCapacitiesAndMissingTablesAreRefused) {
     EXPECT_TRUE(t->attached());
 }
 
-TEST(AttachTest, MemoryThatCannotBeReservedIsAnErrorAtCreation) {
+TEST(StrataAttachTest, MemoryThatCannotBeReservedIsAnErrorAtCreation) {
     TablePrefix prefix;
     Strata::FecCapacity huge = smallFecCapacity(1u << 28, 1u << 26);
     Strata::ExceptionId id{};
@@ -265,7 +265,7 @@ TEST(AttachTest, MemoryThatCannotBeReservedIsAnErrorAtCreation) {
     EXPECT_TRUE(Strata::StrataTable::removeFiles(prefix) == false) << "no temporary file is left";
 }
 
-TEST(AttachTest, ExistingTableKeepsItsCapacityAndCountsWriters) {
+TEST(StrataAttachTest, ExistingTableKeepsItsCapacityAndCountsWriters) {
     TablePrefix prefix;
     auto t = Strata::Fib::ForwardingStatus::writer(prefix, smallFecCapacity(10, 4));
     U64 const id = t->creationId();
@@ -288,7 +288,7 @@ TEST(AttachTest, ExistingTableKeepsItsCapacityAndCountsWriters) {
 
 // ---- maintenance and observation --------------------------------------------------------------
 
-TEST(MaintenanceTest, ValidateFilesNoticesAReplacedFile) {
+TEST(StrataMaintenanceTest, ValidateFilesNoticesAReplacedFile) {
     TablePrefix prefix;
     auto t = Strata::Fib::ForwardingStatus::writer(prefix, smallFecCapacity(4, 4));
     t->validateFiles();
@@ -303,7 +303,7 @@ TEST(MaintenanceTest, ValidateFilesNoticesAReplacedFile) {
     other->validateFiles();
 }
 
-TEST(MaintenanceTest, CleanupRemovesTemporaryFilesOfDeadCreatorsOnly) {
+TEST(StrataMaintenanceTest, CleanupRemovesTemporaryFilesOfDeadCreatorsOnly) {
     TablePrefix prefix;
     auto t = Strata::Fib::ForwardingStatus::writer(prefix, smallFecCapacity(4, 4));
     pid_t const dead = ::fork();
@@ -318,7 +318,7 @@ TEST(MaintenanceTest, CleanupRemovesTemporaryFilesOfDeadCreatorsOnly) {
     ::unlink(liveTmp.c_str());
 }
 
-TEST(ObserveTest, ChangeSequenceMovesWithEveryChangeAndCanBeWaitedFor) {
+TEST(StrataObserveTest, ChangeSequenceMovesWithEveryChangeAndCanBeWaitedFor) {
     TablePrefix prefix;
     auto w = Strata::Fib::ForwardingStatus::writer(prefix, smallFecCapacity(8, 4));
     auto r = Strata::Fib::ForwardingStatus::reader(prefix);

@@ -42,7 +42,7 @@ std::string rangeMessage(F f) {
 
 // ---- ViaIndex -----------------------------------------------------------------------------
 
-TEST(ViaIndexTest, AcceptsZeroTo127AndRefusesEverythingElse) {
+TEST(StrataViaIndexTest, AcceptsZeroTo127AndRefusesEverythingElse) {
     EXPECT_EQ(ViaIndex(0).value(), 0u);
     EXPECT_EQ(ViaIndex(127).value(), 127u);
     EXPECT_EQ(ViaIndex(U8(127)).value(), 127u);
@@ -71,11 +71,11 @@ V6 makeVia<V6>(U32 n, U32 intf, U32 label) {
 }
 
 template <class V>
-class ViaBothFamiliesTest : public ::testing::Test {};
+class StrataViaBothFamiliesTest : public ::testing::Test {};
 using Families = ::testing::Types<V4, V6>;
-TYPED_TEST_SUITE(ViaBothFamiliesTest, Families);
+TYPED_TEST_SUITE(StrataViaBothFamiliesTest, Families);
 
-TYPED_TEST(ViaBothFamiliesTest, EqualityComparesAllThreeFields) {
+TYPED_TEST(StrataViaBothFamiliesTest, EqualityComparesAllThreeFields) {
     using V = TypeParam;
     V const a = makeVia<V>(1, 5, 16);
     EXPECT_EQ(a, makeVia<V>(1, 5, 16));
@@ -92,7 +92,7 @@ TYPED_TEST(ViaBothFamiliesTest, EqualityComparesAllThreeFields) {
     EXPECT_EQ(b, makeVia<V>(1, 9, 0));
 }
 
-TYPED_TEST(ViaBothFamiliesTest, HashIsHopHashXorInterfaceHashWithoutTheLabel) {
+TYPED_TEST(StrataViaBothFamiliesTest, HashIsHopHashXorInterfaceHashWithoutTheLabel) {
     using V = TypeParam;
     std::mt19937 rng(7);
     for (int i = 0; i < 500; ++i) {
@@ -105,7 +105,7 @@ TYPED_TEST(ViaBothFamiliesTest, HashIsHopHashXorInterfaceHashWithoutTheLabel) {
     }
 }
 
-TYPED_TEST(ViaBothFamiliesTest, OrderIsInterfaceThenHopThenLabel) {
+TYPED_TEST(StrataViaBothFamiliesTest, OrderIsInterfaceThenHopThenLabel) {
     using V = TypeParam;
     // The interface decides first, whatever the hops: (10.0.0.2, intf 3) < (10.0.0.1, intf 5).
     EXPECT_LT(makeVia<V>(2, 3, 0), makeVia<V>(1, 5, 0));
@@ -128,7 +128,7 @@ TYPED_TEST(ViaBothFamiliesTest, OrderIsInterfaceThenHopThenLabel) {
     EXPECT_EQ(vias, byTuple);
 }
 
-TEST(ViaLayoutTest, FieldsSitAtFixedOffsets) {
+TEST(StrataViaLayoutTest, FieldsSitAtFixedOffsets) {
     V4 const v(IpAddr(10, 0, 0, 1), IntfId(0x0100000Cu), 0xABCDu);
     U32 words[3];
     static_assert(sizeof words == sizeof v);
@@ -152,7 +152,7 @@ TEST(ViaLayoutTest, FieldsSitAtFixedOffsets) {
 
 // ---- text -----------------------------------------------------------------------------------
 
-TEST(ViaTextTest, PrintsHopPercentInterfaceAndTheLabelWhenSet) {
+TEST(StrataViaTextTest, PrintsHopPercentInterfaceAndTheLabelWhenSet) {
     EXPECT_EQ(V4(IpAddr(10, 0, 0, 1), eth(5)).toString(), Kal::String8("10.0.0.1%Ethernet5"));
     EXPECT_EQ(V4(IpAddr(10, 0, 0, 1), eth(5), 16).toString(),
               Kal::String8("10.0.0.1%Ethernet5 label 16"));
@@ -165,7 +165,7 @@ TEST(ViaTextTest, PrintsHopPercentInterfaceAndTheLabelWhenSet) {
     EXPECT_EQ(os.str(), "1.2.3.4%Port-Channel2");
 }
 
-TYPED_TEST(ViaBothFamiliesTest, TextRoundTrips) {
+TYPED_TEST(StrataViaBothFamiliesTest, TextRoundTrips) {
     using V = TypeParam;
     std::mt19937 rng(3);
     for (int i = 0; i < 300; ++i) {
@@ -176,7 +176,7 @@ TYPED_TEST(ViaBothFamiliesTest, TextRoundTrips) {
               makeVia<V>(1, 2, 0));
 }
 
-TEST(ViaTextTest, RefusesMalformedTextNamingIt) {
+TEST(StrataViaTextTest, RefusesMalformedTextNamingIt) {
     struct Case {
         char const* text;
         char const* reason;
@@ -224,7 +224,7 @@ class KalVia : public Kal::PtrInterface {
     Kal::Ptr<KalVia> fwkHmNext_;
 };
 
-TEST(ViaAsKeyTest, HashMapFindsViasAndIteratesByBitReversedHashThenVia) {
+TEST(StrataViaAsKeyTest, HashMapFindsViasAndIteratesByBitReversedHashThenVia) {
     Kal::HashMap<KalVia, V4> map(1);
     std::mt19937 rng(5);
     std::vector<V4> vias;

@@ -10,7 +10,7 @@
 //                                             each logged to <journal> before ("B ...") and after
 //                                             ("E") it runs
 //   hold-writer <prefix>                      attaches the IPv4 FEC table for writing, prints
-//                                             "ready" and waits until killed or stdin closes
+//                                             "ready" and waits until killed
 //   reader-errors <prefix>                    attaches for reading and prints what each write
 //                                             through the reader raises, one line each
 //
@@ -69,7 +69,7 @@ int verifyReader(std::string const& prefix, U32 fecs, int ms) {
     auto f = std::make_unique<FecT>();
     auto scratch = std::make_unique<FecT>();
     std::vector<U32> lastSeen(fecs + 1, 0);
-    std::mt19937 rng(U32(::getpid()));
+    std::mt19937 rng{U32(::getpid())};
     U64 reads = 0, bad = 0;
     auto const end = Clock::now() + std::chrono::milliseconds(ms);
     auto report = [&](U64 k, char const* what) {
@@ -106,27 +106,40 @@ void journal(int fd, std::string const& line) {
     if (::write(fd, l.data(), l.size()) != ssize_t(l.size())) std::_Exit(2);
 }
 
-// Random changes forever; the parent kills us. Journal lines: "B <op> <key> <version>" before
-// an operation and "E" after it; ops: f (FEC stored by fecIs), d (FEC stored through the
-// direct-write slot), x (FEC deleted), r (route stored), y (route deleted).
+// Random changes forever; the parent kills us. Journal lines: the table's state when attached
+// (above), then "B <op> <key> <version>" before an operation and "E" after it; ops: f (FEC
+// stored by fecIs), d (FEC stored through the direct-write slot), x (FEC deleted), r (route
+// stored), y (route deleted).
 int churn(std::string const& prefix, U32 seed, std::string const& journalPath) {
     int const jfd = ::open(journalPath.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
     if (jfd < 0) return 2;
-    auto fecs = Strata::Fib::ForwardingStatus::writer(prefix, Strata::FecCapacity::forFecs(256));
+    Strata::FecCapacity capacity;
+    capacity.maxFecs = 128;
+    capacity.classFecs.fill(128); // any of the 128 keys may take any size
+    auto fecs = Strata::Fib::ForwardingStatus::writer(prefix, capacity);
     auto routes = Strata::Fib::RouteStatus::writer(prefix, Strata::RouteCapacity{256});
-    journal(jfd, "A");
     std::mt19937 rng(seed);
-    // Versions continue from what the table holds, so that they keep increasing.
+    // Versions continue from what the table holds, so that they keep increasing. What the
+    // table holds now is journaled too ("R", a line "S f|r <key> <version>" per record, "A"):
+    // it settles how the operation in flight when the last writer died turned out.
     std::vector<U32> fecVersion(129, 0), routeVersion(129, 0);
     auto scratch = std::make_unique<Strata::Fib::Fec>();
+    std::string state = "R\n";
     for (auto it = fecs->fecIteratorConst(); it; ++it) {
         U32 v = 0;
-        if (selfCheckFec(it.key().value(), *it, *scratch, v)) fecVersion[it.key().value()] = v;
+        if (!selfCheckFec(it.key().value(), *it, *scratch, v)) return 1;
+        fecVersion[it.key().value()] = v;
+        state += "S f " + std::to_string(it.key().value()) + " " + std::to_string(v) + "\n";
     }
     for (auto it = routes->routeIteratorConst(); it; ++it) {
         U32 const k = (it.key().address().value() >> 8) & 0xFFFF;
-        if (k < routeVersion.size()) routeVersion[k] = U32(it.fecId().value() >> 32);
+        U32 v = 0;
+        if (k >= routeVersion.size() || !selfCheckRouteOk(k, *it, v)) return 1;
+        routeVersion[k] = v;
+        state += "S r " + std::to_string(k) + " " + std::to_string(v) + "\n";
     }
+    state += "A";
+    journal(jfd, state);
     auto f = std::make_unique<Strata::Fib::Fec>();
     for (;;) {
         U32 const op = rng() % 10;
@@ -165,10 +178,7 @@ int holdWriter(std::string const& prefix) {
     auto t = Strata::Fib::ForwardingStatus::writer(prefix, Strata::FecCapacity::forFecs(16));
     std::printf("ready\n");
     std::fflush(stdout);
-    char c;
-    while (::read(0, &c, 1) > 0) {
-    }
-    return 0;
+    for (;;) ::pause(); // until killed
 }
 
 int readerErrors(std::string const& prefix) {
