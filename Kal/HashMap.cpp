@@ -92,6 +92,8 @@ HashMapRaw::HashMapRaw(HashMapRaw const& other) : HashMapRaw(*other.ops_, other.
 HashMapRaw& HashMapRaw::operator=(HashMapRaw const& other) {
     if (this == &other) return *this;
     HashMapRaw copy(other);
+    // The old members go with copy: this map's iterators keep theirs.
+    pinIterators(nullptr);
     // Every old member is deleted and every new one inserted.
     U32 const version = version_ + count_ + copy.count_;
     swap(copy);
@@ -99,16 +101,26 @@ HashMapRaw& HashMapRaw::operator=(HashMapRaw const& other) {
     return *this;
 }
 
+// A map's versions only grow (short of wrapping around), so an iterator that has seen a
+// change never mistakes the map for unchanged. A moved-from map counts the members that left
+// it, so its iterators, pinned on members another map now holds, take the careful step.
 HashMapRaw::HashMapRaw(HashMapRaw&& other) noexcept
     : ops_(other.ops_), buckets_(&inlineBucket_) {
+    other.pinIterators(nullptr);
+    U32 const otherVersion = other.version_ + other.count_;
     swap(other);
+    other.version_ = otherVersion;
 }
 
 HashMapRaw& HashMapRaw::operator=(HashMapRaw&& other) noexcept {
     if (this == &other) return *this;
+    pinIterators(nullptr);
+    other.pinIterators(nullptr);
     U32 const version = version_ + count_ + other.count_;
+    U32 const otherVersion = other.version_ + other.count_;
     swap(other);
     version_ = version;
+    other.version_ = otherVersion;
     // The members this map held are released, not handed to other.
     other.deleteAll();
     other.resize(1);
@@ -117,6 +129,17 @@ HashMapRaw& HashMapRaw::operator=(HashMapRaw&& other) noexcept {
 }
 
 HashMapRaw::~HashMapRaw() {
+    // Iterators that outlive the map (they must not be used) keep their members and forget
+    // the map, so that destroying them later touches neither.
+    pinIterators(nullptr);
+    for (HashMapIteratorRaw* i = iterators_; i;) {
+        HashMapIteratorRaw* const next = i->nextIterator_;
+        i->map_ = nullptr;
+        i->nextIterator_ = nullptr;
+        i->prevLink_ = nullptr;
+        i = next;
+    }
+    iterators_ = nullptr;
     releaseChains();
     if (buckets_ != &inlineBucket_) delete[] buckets_;
 }
@@ -263,6 +286,7 @@ bool HashMapRaw::deleteMember(PtrInterface* t) {
     }
     --count_;
     ++version_;
+    pinIterators(t);
     t->referencesDec();
     maybeShrink();
     return true;
@@ -287,8 +311,123 @@ void HashMapRaw::releaseChains() noexcept {
 }
 
 void HashMapRaw::deleteAll() noexcept {
+    pinIterators(nullptr);
     releaseChains();
     resize(minBuckets_);
+}
+
+void HashMapRaw::pinIterators(PtrInterface const* m) const noexcept {
+    for (HashMapIteratorRaw* i = iterators_; i; i = i->nextIterator_) {
+        if (!m || i->cur_ == m) i->pin();
+    }
+}
+
+// Iterators. The map's list links every live iterator through nextIterator_; prevLink_ is
+// the link that points at the iterator (the map's iterators_ or the previous iterator's
+// nextIterator_), so that an iterator leaves the list in constant time.
+
+HashMapIteratorRaw::HashMapIteratorRaw(HashMapRaw const& map) noexcept
+    : map_(&map), version_(map.version_) {
+    cur_ = map.firstFrom(0, bucket_);
+    link();
+}
+
+HashMapIteratorRaw::HashMapIteratorRaw(HashMapRaw const& map, U32 h, void const* key) noexcept
+    : map_(&map), version_(map.version_) {
+    cur_ = map.startAt(h, key, bucket_);
+    link();
+}
+
+HashMapIteratorRaw::HashMapIteratorRaw(HashMapIteratorRaw const& o) noexcept
+    : map_(o.map_), cur_(o.cur_), bucket_(o.bucket_), version_(o.version_), pinned_(o.pinned_) {
+    if (pinned_) cur_->referencesInc();
+    link();
+}
+
+HashMapIteratorRaw::HashMapIteratorRaw(HashMapIteratorRaw&& o) noexcept
+    : map_(o.map_), cur_(std::exchange(o.cur_, nullptr)), bucket_(std::exchange(o.bucket_, -1)),
+      version_(o.version_), pinned_(std::exchange(o.pinned_, false)) {
+    link();
+}
+
+HashMapIteratorRaw& HashMapIteratorRaw::operator=(HashMapIteratorRaw const& o) {
+    if (this == &o) return *this;
+    if (o.pinned_) o.cur_->referencesInc();
+    if (map_ != o.map_) {
+        unlink();
+        map_ = o.map_;
+        link();
+    }
+    standOn(o.cur_, o.pinned_, o.bucket_, o.version_);
+    return *this;
+}
+
+HashMapIteratorRaw& HashMapIteratorRaw::operator=(HashMapIteratorRaw&& o) {
+    if (this == &o) return *this;
+    if (map_ != o.map_) {
+        unlink();
+        map_ = o.map_;
+        link();
+    }
+    bool const pinned = std::exchange(o.pinned_, false);
+    S32 const bucket = std::exchange(o.bucket_, -1);
+    standOn(std::exchange(o.cur_, nullptr), pinned, bucket, o.version_);
+    return *this;
+}
+
+HashMapIteratorRaw::~HashMapIteratorRaw() {
+    unlink();
+    if (pinned_) cur_->referencesDec();
+}
+
+void HashMapIteratorRaw::reset() {
+    KAL_DASSERT(map_);
+    S32 bucket;
+    PtrInterface* const first = map_->firstFrom(0, bucket);
+    standOn(first, false, bucket, map_->version_);
+}
+
+void HashMapIteratorRaw::stepAfterChange() {
+    KAL_DASSERT(map_);
+    KAL_DASSERT(cur_);
+    // cur_ is held by the map or by the pin: its hash and key are there to search from.
+    S32 bucket;
+    PtrInterface* const next = map_->findNext(cur_, bucket);
+    standOn(next, false, bucket, map_->version_);
+}
+
+void HashMapIteratorRaw::standOn(PtrInterface* m, bool pinned, S32 bucket, U32 version) {
+    PtrInterface* const old = cur_;
+    bool const oldPinned = pinned_;
+    cur_ = m;
+    pinned_ = pinned;
+    bucket_ = bucket;
+    version_ = version;
+    // Last: releasing the old member may destroy it, and its destructor may do anything.
+    if (oldPinned) old->referencesDec();
+}
+
+void HashMapIteratorRaw::pin() noexcept {
+    if (cur_ && !pinned_) {
+        cur_->referencesInc();
+        pinned_ = true;
+    }
+}
+
+void HashMapIteratorRaw::link() noexcept {
+    if (!map_) return; // a copy of an iterator whose map is gone
+    nextIterator_ = map_->iterators_;
+    prevLink_ = &map_->iterators_;
+    if (nextIterator_) nextIterator_->prevLink_ = &nextIterator_;
+    map_->iterators_ = this;
+}
+
+void HashMapIteratorRaw::unlink() noexcept {
+    if (!prevLink_) return;
+    *prevLink_ = nextIterator_;
+    if (nextIterator_) nextIterator_->prevLink_ = prevLink_;
+    nextIterator_ = nullptr;
+    prevLink_ = nullptr;
 }
 
 PtrInterface* HashMapRaw::seek(U32 h, void const* key, bool orEqual, S32& bucket) const {
