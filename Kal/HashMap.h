@@ -18,6 +18,9 @@
 //                      the first member (the others are held by their predecessor's link).
 //                      A map with one bucket keeps it in inlineBucket_: no allocation.
 //     inlineBucket_    the head of the single bucket while bucketCount_ == 1
+//     occupied_     -> one bit per bucket, set when the bucket holds a member, in words of
+//                      occupancyBits (the machine word); a map of at most occupancyBits
+//                      buckets keeps its one word in inlineOccupied_: no allocation.
 //     version_      U32, +1 per insertion and per deletion; iterators compare it
 //     count_        U32, members
 //     bucketCount_  U32, 2^k, k >= 0
@@ -30,6 +33,7 @@
 //   buckets_[1] -> null
 //   buckets_[2] -> C -> null
 //   buckets_[3] -> D -> E -> null
+//   occupied_[0] = 0b1101                (bucket 0 is bit 0)
 //
 // Position. Every member has the position (h, key) with h = bitReverse(kalKeyHash(key)),
 // "the hash" everywhere below. Its bucket is the top k bits of h. Invariants (verify()):
@@ -38,6 +42,8 @@
 //   - each chain is sorted by ascending (h, key), members with equal keys in insertion
 //     order, and ends with a null link;
 //   - count_ is the number of members in the chains;
+//   - the occupancy bit of a bucket is set exactly when the bucket is non-empty, and the
+//     bits past the last bucket are clear;
 //   - count_ <= capacity(bucketCount_), and a map above its initial bucket count keeps at
 //     least a quarter of the load it allows (HashMap.cpp gives the numbers and why).
 // A bucket holds exactly the members whose hashes share its top bits, so buckets in index
@@ -61,9 +67,12 @@
 //
 // Iterators. An iterator holds the map, the member it stands on, that member's bucket index
 // (-1 at the end) and the map's version when it last moved. While the version is unchanged
-// a step follows fwkHmNext, or goes to the head of the next non-empty bucket. After any
-// change it looks the successor up by position (findNext): the first member sorting
-// strictly after the current one's (h, key). Deleting the member under an iterator is
+// a step follows fwkHmNext, or goes to the head of the next non-empty bucket, which it
+// finds in the occupancy bits: the iterator keeps the word of its bucket less the buckets
+// it has passed, so the next one is a count of trailing zeros away, and empty buckets cost
+// a word per occupancyBits of them instead of a load and an unpredictable branch each.
+// After any change it looks the successor up by position (findNext): the first member
+// sorting strictly after the current one's (h, key). Deleting the member under an iterator is
 // therefore safe and the walk continues with the next one; members inserted during a walk
 // are seen if and only if they sort after the iterator. (A walk that had to look its
 // successor up steps over later members with the same key: keys are meant to be unique,
@@ -76,12 +85,13 @@
 // assignment, being moved from, destruction) it pins every iterator standing on that
 // member: the iterator counts the member and keeps that reference until it moves on, is
 // reset, is assigned or dies, so the member and its key stay valid for the findNext of its
-// next step. A step through an unchanged map counts nothing; a pinned iterator always
-// finds the version changed, so the plain step never runs from a member the map does not
-// hold.
+// next step. A step through an unchanged map counts nothing and writes only the iterator;
+// a pinned iterator always finds the version changed, so the plain step never runs from a
+// member the map does not hold.
 //
 //   HashMapRaw.iterators_ -> it1 <-> it2 <-> null    (few: usually one, often none)
-//   it1: map_, cur_ -> B (the map's reference), bucket_ 0, version_ 7, pinned_ no
+//   it1: map_, cur_ -> B (the map's reference), bucket_ 0, version_ 7, pinned_ no,
+//        word_ 0, pending_ 0b1100 (buckets 2 and 3 are next)
 //   it2: map_, cur_ -> X (deleted: its own reference), bucket_ 2, version_ 5, pinned_ yes
 //
 // A copy of an iterator registers as well and stands on the same member, with a counted
@@ -145,6 +155,8 @@
 #include "Kal/String.h"
 #include "Kal/Types.h"
 
+#include <bit>
+#include <cstddef>
 #include <iterator>
 #include <type_traits>
 #include <utility>
@@ -265,52 +277,7 @@ struct HashMapVTable {
     };
 };
 
-class HashMapRaw;
-
-// The untyped part of an iterator (see "Iterators" at the top of this file): the map, the
-// member it stands on (null at the end), its bucket, the map's version when it last moved,
-// whether it holds a counted reference of its own (pinned), and its links in the map's
-// list of iterators. Everything but the plain step lives in HashMap.cpp.
-class HashMapIteratorRaw {
-  public:
-    // Stands on the first member of map (at the end when the map is empty).
-    explicit HashMapIteratorRaw(HashMapRaw const& map) noexcept;
-    // Stands on the first member at or after (h, key).
-    HashMapIteratorRaw(HashMapRaw const& map, U32 h, void const* key) noexcept;
-    // Stands where o stands, counting the member when o is pinned.
-    HashMapIteratorRaw(HashMapIteratorRaw const& o) noexcept;
-    // Takes o's place and its pin over; o is left at its end, still an iterator of its map.
-    HashMapIteratorRaw(HashMapIteratorRaw&& o) noexcept;
-    HashMapIteratorRaw& operator=(HashMapIteratorRaw const& o);
-    HashMapIteratorRaw& operator=(HashMapIteratorRaw&& o);
-    ~HashMapIteratorRaw();
-
-    // Back to the first member of the map.
-    void reset();
-
-  protected:
-    // The step after the map changed: the first member sorting strictly after the current
-    // one (findNext); a pin on the member it leaves is released last.
-    void stepAfterChange();
-
-    HashMapRaw const* map_; // null once the map was destroyed
-    PtrInterface* cur_ = nullptr;
-    S32 bucket_ = -1;
-    U32 version_ = 0;
-    bool pinned_ = false;
-
-  private:
-    friend class HashMapRaw;
-    void link() noexcept;
-    void unlink() noexcept;
-    // Makes this iterator stand on m (null: the end), taking over `pinned` counted
-    // references; the reference it held on its previous member, if any, is released last.
-    void standOn(PtrInterface* m, bool pinned, S32 bucket, U32 version);
-    void pin() noexcept;
-
-    HashMapIteratorRaw* nextIterator_ = nullptr;
-    HashMapIteratorRaw** prevLink_ = nullptr; // the link that points at this iterator
-};
+class HashMapIteratorRaw;
 
 // The engine shared by every HashMap instantiation. Positions and hashes are as described
 // at the top of this file; `h` is always a member's or key's hash (already bit-reversed).
@@ -332,13 +299,28 @@ class HashMapRaw {
     U32 bucketOf(U32 h) const noexcept { return (h >> shift_) >> 1; }
     PtrInterface* head(U32 bucket) const noexcept { return buckets_[bucket]; }
 
+    // Occupancy: bit b % occupancyBits of word b / occupancyBits is set when bucket b holds
+    // a member; the bits past the last bucket are clear. A walk skips empty buckets a word
+    // at a time without reading them.
+    using OccupancyWord = std::size_t;
+    static constexpr U32 occupancyBits = U32(sizeof(OccupancyWord) * 8);
+    U32 occupancyWords() const noexcept {
+        return (bucketCount_ + occupancyBits - 1) / occupancyBits;
+    }
+    OccupancyWord occupancy(U32 word) const noexcept { return occupied_[word]; }
+
     // The head of the first non-empty bucket at or after `bucket`, its index in `found`;
     // null and -1 when there is none.
     PtrInterface* firstFrom(U32 bucket, S32& found) const noexcept {
-        for (; bucket < bucketCount_; ++bucket) {
-            if (PtrInterface* m = buckets_[bucket]) {
-                found = S32(bucket);
-                return m;
+        if (bucket < bucketCount_) {
+            U32 word = bucket / occupancyBits;
+            OccupancyWord bits = occupied_[word] & (~OccupancyWord(0) << (bucket % occupancyBits));
+            U32 const words = occupancyWords();
+            while (!bits && ++word < words) bits = occupied_[word];
+            if (bits) {
+                U32 const b = word * occupancyBits + U32(std::countr_zero(bits));
+                found = S32(b);
+                return buckets_[b];
             }
         }
         found = -1;
@@ -379,12 +361,16 @@ class HashMapRaw {
     PtrInterface* seek(U32 h, void const* key, bool orEqual, S32& bucket) const;
     void releaseChains() noexcept;
     void swap(HashMapRaw& other) noexcept;
+    void occupiedIs(U32 bucket, bool occupied) noexcept;
     // Pins every iterator standing on m, or on any member when m is null.
     void pinIterators(PtrInterface const* m) const noexcept;
 
     HashMapOps const* ops_;
     PtrInterface** buckets_;
     PtrInterface* inlineBucket_ = nullptr;
+    // occupancyWords() words; inlineOccupied_ while bucketCount_ <= occupancyBits.
+    OccupancyWord* occupied_;
+    OccupancyWord inlineOccupied_ = 0;
     U32 version_ = 0;
     U32 count_ = 0;
     U32 bucketCount_ = 1;
@@ -392,6 +378,73 @@ class HashMapRaw {
     U32 minBuckets_ = 1;
     // The live iterators of this map; never copied, moved or swapped with the members.
     mutable HashMapIteratorRaw* iterators_ = nullptr;
+};
+
+// The untyped part of an iterator (see "Iterators" at the top of this file): the map, the
+// member it stands on (null at the end), its bucket, the map's version when it last moved,
+// whether it holds a counted reference of its own (pinned), and its links in the map's
+// list of iterators. Everything but the plain step lives in HashMap.cpp.
+class HashMapIteratorRaw {
+  public:
+    // Stands on the first member of map (at the end when the map is empty).
+    explicit HashMapIteratorRaw(HashMapRaw const& map) noexcept;
+    // Stands on the first member at or after (h, key).
+    HashMapIteratorRaw(HashMapRaw const& map, U32 h, void const* key) noexcept;
+    // Stands where o stands, counting the member when o is pinned.
+    HashMapIteratorRaw(HashMapIteratorRaw const& o) noexcept;
+    // Takes o's place and its pin over; o is left at its end, still an iterator of its map.
+    HashMapIteratorRaw(HashMapIteratorRaw&& o) noexcept;
+    HashMapIteratorRaw& operator=(HashMapIteratorRaw const& o);
+    HashMapIteratorRaw& operator=(HashMapIteratorRaw&& o);
+    ~HashMapIteratorRaw();
+
+    // Back to the first member of the map.
+    void reset();
+
+  protected:
+    // The step after the map changed: the first member sorting strictly after the current
+    // one (findNext); a pin on the member it leaves is released last.
+    void stepAfterChange();
+
+    HashMapRaw const* map_; // null once the map was destroyed
+    PtrInterface* cur_ = nullptr;
+    S32 bucket_ = -1;
+    U32 version_ = 0;
+    // The map's occupancy word word_ (the one of bucket_), less the buckets up to bucket_
+    // and those the plain step has visited since. Valid while the version is unchanged.
+    HashMapRaw::OccupancyWord pending_ = 0;
+    U32 word_ = 0;
+    bool pinned_ = false;
+
+    // The head of the next non-empty bucket after bucket_, which becomes the iterator's
+    // bucket; null (and bucket -1) after the last one. Only while the version is unchanged.
+    PtrInterface* nextHead() noexcept {
+        while (!pending_) {
+            if (++word_ >= map_->occupancyWords()) {
+                bucket_ = -1;
+                return nullptr;
+            }
+            pending_ = map_->occupancy(word_);
+        }
+        U32 const b = word_ * HashMapRaw::occupancyBits + U32(std::countr_zero(pending_));
+        pending_ &= pending_ - 1;
+        bucket_ = S32(b);
+        return map_->head(b);
+    }
+
+  private:
+    friend class HashMapRaw;
+    void link() noexcept;
+    void unlink() noexcept;
+    // Makes this iterator stand on m (null: the end), taking over `pinned` counted
+    // references; the reference it held on its previous member, if any, is released last.
+    void standOn(PtrInterface* m, bool pinned, S32 bucket, U32 version);
+    // Sets word_ and pending_ for the plain step from bucket_ and the map as it is.
+    void loadPending() noexcept;
+    void pin() noexcept;
+
+    HashMapIteratorRaw* nextIterator_ = nullptr;
+    HashMapIteratorRaw** prevLink_ = nullptr; // the link that points at this iterator
 };
 
 template <class Member, class Key>
@@ -562,7 +615,7 @@ class HashMap<Member, Key>::IteratorBase : public HashMapIteratorRaw {
             // the next non-empty bucket is the successor, and nothing is counted.
             KAL_DASSERT(!pinned_);
             PtrInterface* next = member()->fwkHmNext();
-            if (!next) next = map_->firstFrom(U32(bucket_) + 1, bucket_);
+            if (!next) next = nextHead();
             cur_ = next;
         } else {
             stepAfterChange();
