@@ -720,6 +720,67 @@ TEST_F(HashMapTest, AnIteratorLeftBehindByItsMapOnlyReleasesItsMember) {
     EXPECT_EQ(liveMembers, 0);
 }
 
+// A map that never shrinks below 4096 buckets, with members at the edges of the occupancy
+// words (of 32 or 64 buckets) and long empty stretches between them: walks, starts and
+// lookups of the successor find the next non-empty bucket across them, before and after
+// buckets empty again.
+TEST_F(HashMapTest, WalksCrossEmptyStretchesOfBuckets) {
+    constexpr U32 log2Buckets = 12;
+    Map map(1u << log2Buckets);
+    // The key whose (reversed) hash puts it first in bucket b.
+    auto keyIn = [](U32 b) { return U64(Kal::bitReverse(b << (32 - log2Buckets))); };
+    std::vector<U32> buckets = {0, 1, 31, 32, 33, 63, 64, 65, 95, 96, 127, 128, 2047, 4095};
+    for (U32 b : buckets) insert(map, keyIn(b), b);
+    // A second member in bucket 64: same top bits, a later hash.
+    insert(map, keyIn(64) | (U64(1) << (31 - log2Buckets)), 64);
+    ASSERT_EQ(map.buckets(), 1u << log2Buckets);
+    ASSERT_EQ(map.verify(), "");
+
+    auto walk = [&] {
+        std::vector<U32> seen;
+        for (auto i = map.iterator(); i; ++i) {
+            EXPECT_EQ(U32(i.bucketIndex()), U32(i->value()));
+            seen.push_back(U32(i->value()));
+        }
+        return seen;
+    };
+    std::vector<U32> expected = buckets;
+    expected.insert(std::find(expected.begin(), expected.end(), 64u), 64u);
+    EXPECT_EQ(walk(), expected);
+
+    // Starting in an empty bucket lands on the next non-empty one, possibly words later.
+    for (U32 empty : {2u, 34u, 66u, 129u, 2048u}) {
+        Map::Iterator i(map, keyIn(empty));
+        U32 const next = *std::upper_bound(buckets.begin(), buckets.end(), empty);
+        ASSERT_FALSE(i.isEnd()) << empty;
+        EXPECT_EQ(i.bucketIndex(), S32(next));
+        EXPECT_EQ(map.startAtHash(keyIn(empty))->value(), next);
+    }
+    // A key of the last bucket that sorts after its member (a lower bit of the hash set).
+    EXPECT_TRUE(Map::Iterator(map, keyIn(4095) | (U64(1) << 31)).isEnd());
+
+    // Emptied buckets are skipped: deleting the members of buckets 32 to 2047 leaves 0, 1,
+    // 31 and 4095, and the member of bucket 31 is followed by the one of 4095.
+    Map::Iterator at31(map, keyIn(31));
+    for (U32 b : buckets) {
+        if (b >= 32 && b <= 2047) map.deleteMember(map[keyIn(b)]);
+    }
+    map.deleteMember(map[keyIn(64) | (U64(1) << (31 - log2Buckets))]);
+    EXPECT_EQ(map.verify(), "");
+    EXPECT_EQ(walk(), (std::vector<U32>{0, 1, 31, 4095}));
+    ++at31;
+    EXPECT_EQ(at31.bucketIndex(), 4095);
+    S32 bucket = 0;
+    EXPECT_EQ(map.findNext(map[keyIn(31)], bucket)->value(), 4095u);
+    EXPECT_EQ(bucket, 4095);
+    map.deleteMember(map[keyIn(4095)]);
+    EXPECT_EQ(map.findNext(map[keyIn(31)], bucket), nullptr);
+    EXPECT_EQ(bucket, -1);
+    map.deleteAll();
+    EXPECT_TRUE(map.iterator().isEnd());
+    EXPECT_EQ(map.verify(), "");
+}
+
 TEST_F(HashMapTest, AllCollidingHashKeepsOneChainOrderedByKey) {
     std::mt19937 rng(4);
     std::vector<U32> ids(1200);
