@@ -390,34 +390,35 @@ void HashMapRaw::pinIterators(PtrInterface const* m) const noexcept {
 // the link that points at the iterator (the map's iterators_ or the previous iterator's
 // nextIterator_), so that an iterator leaves the list in constant time.
 
-HashMapIteratorRaw::HashMapIteratorRaw(HashMapRaw const& map) noexcept
-    : map_(&map), version_(map.version_) {
-    cur_ = map.firstFrom(0, bucket_);
-    loadPending();
+HashMapIteratorRaw::HashMapIteratorRaw(HashMapRaw const& map) noexcept : map_(&map) {
+    S32 bucket;
+    PtrInterface* const first = map.firstFrom(0, bucket);
+    standOnBucket(first, bucket);
     link();
 }
 
 HashMapIteratorRaw::HashMapIteratorRaw(HashMapRaw const& map, U32 h, void const* key) noexcept
-    : map_(&map), version_(map.version_) {
-    cur_ = map.startAt(h, key, bucket_);
-    loadPending();
+    : map_(&map) {
+    S32 bucket;
+    PtrInterface* const start = map.startAt(h, key, bucket);
+    standOnBucket(start, bucket);
     link();
 }
 
 HashMapIteratorRaw::HashMapIteratorRaw(HashMapIteratorRaw const& o) noexcept
-    : map_(o.map_), cur_(o.cur_), bucket_(o.bucket_), version_(o.version_),
-      pending_(o.pending_), word_(o.word_), pinned_(o.pinned_) {
+    : map_(o.map_), cur_(o.cur_), pending_(o.pending_), base_(o.base_), version_(o.version_),
+      pinned_(o.pinned_) {
     if (pinned_) cur_->referencesInc();
     link();
 }
 
 HashMapIteratorRaw::HashMapIteratorRaw(HashMapIteratorRaw&& o) noexcept
-    : map_(o.map_), cur_(std::exchange(o.cur_, nullptr)), bucket_(std::exchange(o.bucket_, -1)),
-      version_(o.version_), pending_(o.pending_), word_(o.word_),
-      pinned_(std::exchange(o.pinned_, false)) {
+    : map_(o.map_), cur_(std::exchange(o.cur_, nullptr)), pending_(std::exchange(o.pending_, 0)),
+      base_(o.base_), version_(o.version_), pinned_(std::exchange(o.pinned_, false)) {
     link();
 }
 
+// Same map, same version: o's pending occupancy holds for this iterator too.
 HashMapIteratorRaw& HashMapIteratorRaw::operator=(HashMapIteratorRaw const& o) {
     if (this == &o) return *this;
     if (o.pinned_) o.cur_->referencesInc();
@@ -426,10 +427,7 @@ HashMapIteratorRaw& HashMapIteratorRaw::operator=(HashMapIteratorRaw const& o) {
         map_ = o.map_;
         link();
     }
-    standOn(o.cur_, o.pinned_, o.bucket_, o.version_);
-    // Same map, same version: o's pending occupancy holds for this iterator too.
-    pending_ = o.pending_;
-    word_ = o.word_;
+    standOn(o.cur_, o.pinned_, o.version_, o.pending_, o.base_);
     return *this;
 }
 
@@ -441,10 +439,8 @@ HashMapIteratorRaw& HashMapIteratorRaw::operator=(HashMapIteratorRaw&& o) {
         link();
     }
     bool const pinned = std::exchange(o.pinned_, false);
-    S32 const bucket = std::exchange(o.bucket_, -1);
-    standOn(std::exchange(o.cur_, nullptr), pinned, bucket, o.version_);
-    pending_ = o.pending_;
-    word_ = o.word_;
+    OccupancyWord const pending = std::exchange(o.pending_, 0);
+    standOn(std::exchange(o.cur_, nullptr), pinned, o.version_, pending, o.base_);
     return *this;
 }
 
@@ -457,7 +453,7 @@ void HashMapIteratorRaw::reset() {
     KAL_DASSERT(map_);
     S32 bucket;
     PtrInterface* const first = map_->firstFrom(0, bucket);
-    standOn(first, false, bucket, map_->version_);
+    standOnBucket(first, bucket);
 }
 
 void HashMapIteratorRaw::stepAfterChange() {
@@ -466,28 +462,31 @@ void HashMapIteratorRaw::stepAfterChange() {
     // cur_ is held by the map or by the pin: its hash and key are there to search from.
     S32 bucket;
     PtrInterface* const next = map_->findNext(cur_, bucket);
-    standOn(next, false, bucket, map_->version_);
+    standOnBucket(next, bucket);
 }
 
-void HashMapIteratorRaw::standOn(PtrInterface* m, bool pinned, S32 bucket, U32 version) {
+void HashMapIteratorRaw::standOnBucket(PtrInterface* m, S32 bucket) {
+    OccupancyWord pending = 0;
+    U32 base = 0;
+    if (bucket >= 0) {
+        U32 const b = U32(bucket);
+        base = b - b % occupancyBits;
+        pending = map_->occupancy(b / occupancyBits) & (~OccupancyWord(0) << (b % occupancyBits));
+    }
+    standOn(m, false, map_->version_, pending, base);
+}
+
+void HashMapIteratorRaw::standOn(PtrInterface* m, bool pinned, U32 version, OccupancyWord pending,
+                                 U32 base) {
     PtrInterface* const old = cur_;
     bool const oldPinned = pinned_;
     cur_ = m;
     pinned_ = pinned;
-    bucket_ = bucket;
     version_ = version;
-    loadPending();
+    pending_ = pending;
+    base_ = base;
     // Last: releasing the old member may destroy it, and its destructor may do anything.
     if (oldPinned) old->referencesDec();
-}
-
-void HashMapIteratorRaw::loadPending() noexcept {
-    pending_ = 0;
-    word_ = 0;
-    if (!map_ || bucket_ < 0) return;
-    U32 const b = U32(bucket_);
-    word_ = b / occupancyBits;
-    pending_ = map_->occupancy(word_) & ((~OccupancyWord(0) << (b % occupancyBits)) << 1);
 }
 
 void HashMapIteratorRaw::pin() noexcept {

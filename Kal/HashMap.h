@@ -66,13 +66,14 @@
 // Insertion, startAtHash and findNext do walk by position.
 //
 // Iterators. An iterator holds the map, the member it stands on, that member's bucket index
-// (-1 at the end) and the map's version when it last moved. While the version is unchanged
-// a step follows fwkHmNext, or goes to the head of the next non-empty bucket, which it
-// finds in the occupancy bits: the iterator keeps the word of its bucket less the buckets
-// it has passed, so the next one is a count of trailing zeros away, and empty buckets cost
-// a word per occupancyBits of them instead of a load and an unpredictable branch each.
-// After any change it looks the successor up by position (findNext): the first member
-// sorting strictly after the current one's (h, key). Deleting the member under an iterator is
+// (-1 at the end) and the map's version when it last moved. The bucket index is kept as the
+// occupancy word of the bucket less the buckets before it and those the iterator has left
+// (pending_, from bucket base_ on): the current bucket is its lowest set bit. While the
+// version is unchanged a step follows fwkHmNext, or clears that bit and goes to the head of
+// the bucket of the next one, a count of trailing zeros away: empty buckets cost a word per
+// occupancyBits of them instead of a load and an unpredictable branch each. After any
+// change it looks the successor up by position (findNext): the first member sorting
+// strictly after the current one's (h, key). Deleting the member under an iterator is
 // therefore safe and the walk continues with the next one; members inserted during a walk
 // are seen if and only if they sort after the iterator. (A walk that had to look its
 // successor up steps over later members with the same key: keys are meant to be unique,
@@ -90,9 +91,10 @@
 // member the map does not hold.
 //
 //   HashMapRaw.iterators_ -> it1 <-> it2 <-> null    (few: usually one, often none)
-//   it1: map_, cur_ -> B (the map's reference), bucket_ 0, version_ 7, pinned_ no,
-//        word_ 0, pending_ 0b1100 (buckets 2 and 3 are next)
-//   it2: map_, cur_ -> X (deleted: its own reference), bucket_ 2, version_ 5, pinned_ yes
+//   it1: map_, cur_ -> B (the map's reference, bucket 0), pending_ 0b1101, base_ 0,
+//        version_ 7, pinned_ no
+//   it2: map_, cur_ -> X (deleted: its own reference, was in bucket 2), pending_ 0b1100,
+//        base_ 0, version_ 5, pinned_ yes
 //
 // A copy of an iterator registers as well and stands on the same member, with a counted
 // reference of its own when the original is pinned; a moved-from iterator is left at its
@@ -408,39 +410,42 @@ class HashMapIteratorRaw {
 
     HashMapRaw const* map_; // null once the map was destroyed
     PtrInterface* cur_ = nullptr;
-    S32 bucket_ = -1;
-    U32 version_ = 0;
-    // The map's occupancy word word_ (the one of bucket_), less the buckets up to bucket_
-    // and those the plain step has visited since. Valid while the version is unchanged.
+    // The occupancy of the occupancyBits buckets from base_ on, as the plain step sees it:
+    // bit i is set for each non-empty bucket base_ + i that the iterator has not left yet,
+    // and the lowest one is the current member's bucket (0 at the end). Taken from the map
+    // when the iterator last looked its member up; valid while the version is unchanged.
     HashMapRaw::OccupancyWord pending_ = 0;
-    U32 word_ = 0;
+    U32 base_ = 0;
+    U32 version_ = 0;
     bool pinned_ = false;
 
-    // The head of the next non-empty bucket after bucket_, which becomes the iterator's
-    // bucket; null (and bucket -1) after the last one. Only while the version is unchanged.
+    // Leaves the current bucket for the next non-empty one and returns its head; null after
+    // the last one. Only while the version is unchanged.
     PtrInterface* nextHead() noexcept {
-        while (!pending_) {
-            if (++word_ >= map_->occupancyWords()) {
-                bucket_ = -1;
-                return nullptr;
-            }
-            pending_ = map_->occupancy(word_);
-        }
-        U32 const b = word_ * HashMapRaw::occupancyBits + U32(std::countr_zero(pending_));
         pending_ &= pending_ - 1;
-        bucket_ = S32(b);
-        return map_->head(b);
+        while (!pending_) [[unlikely]] {
+            base_ += HashMapRaw::occupancyBits;
+            if (base_ >= map_->buckets()) return nullptr;
+            pending_ = map_->occupancy(base_ / HashMapRaw::occupancyBits);
+        }
+        return map_->head(base_ + U32(std::countr_zero(pending_)));
+    }
+    S32 bucket() const noexcept {
+        return cur_ ? S32(base_ + U32(std::countr_zero(pending_))) : -1;
     }
 
   private:
     friend class HashMapRaw;
     void link() noexcept;
     void unlink() noexcept;
-    // Makes this iterator stand on m (null: the end), taking over `pinned` counted
-    // references; the reference it held on its previous member, if any, is released last.
-    void standOn(PtrInterface* m, bool pinned, S32 bucket, U32 version);
-    // Sets word_ and pending_ for the plain step from bucket_ and the map as it is.
-    void loadPending() noexcept;
+    // Makes this unpinned iterator stand on m, found in `bucket` (-1: the end) of the map
+    // as it is now.
+    void standOnBucket(PtrInterface* m, S32 bucket);
+    // Makes this iterator stand on m (null: the end) with the given state, taking over
+    // `pinned` counted references; the reference it held on its previous member, if any,
+    // is released last.
+    void standOn(PtrInterface* m, bool pinned, U32 version, HashMapRaw::OccupancyWord pending,
+                 U32 base);
     void pin() noexcept;
 
     HashMapIteratorRaw* nextIterator_ = nullptr;
@@ -599,7 +604,7 @@ class HashMap<Member, Key>::IteratorBase : public HashMapIteratorRaw {
         return *member();
     }
     // The bucket of the current member when the iterator last moved; -1 at the end.
-    S32 bucketIndex() const noexcept { return bucket_; }
+    S32 bucketIndex() const noexcept { return bucket(); }
 
     explicit operator bool() const noexcept { return cur_ != nullptr; }
     bool isEnd() const noexcept { return cur_ == nullptr; }
@@ -610,12 +615,13 @@ class HashMap<Member, Key>::IteratorBase : public HashMapIteratorRaw {
     IteratorBase& operator++() {
         if (!cur_) return *this;
         KAL_DASSERT(map_);
-        if (map_->version() == version_) {
+        if (map_->version() == version_) [[likely]] {
             // The map holds the current member and nothing moved: its link or the head of
-            // the next non-empty bucket is the successor, and nothing is counted.
+            // the next non-empty bucket is the successor, and nothing is counted. Most
+            // members end their chain (all but a few at the loads the map keeps).
             KAL_DASSERT(!pinned_);
             PtrInterface* next = member()->fwkHmNext();
-            if (!next) next = nextHead();
+            if (!next) [[likely]] next = nextHead();
             cur_ = next;
         } else {
             stepAfterChange();
