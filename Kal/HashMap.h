@@ -525,42 +525,26 @@ class HashMap {
     IteratorConst begin() const { return IteratorConst(*this); }
     std::default_sentinel_t end() const noexcept { return {}; }
 
-    // Calls f(member) for every member in map order, without counting them: the walk must
-    // not change the map (checked in debug builds). For read-only passes over big maps.
+    // Calls f(member) for every member in map order, without registering an iterator: the
+    // walk must not change the map (checked in debug builds). The buckets come from the
+    // occupancy words, a count of trailing zeros each; empty ones cost nothing but their bit.
     template <class F>
     void forEachMember(F&& f) const {
         [[maybe_unused]] U32 const version = raw_.version();
-        U32 const buckets = raw_.buckets();
-        if (buckets >= walkGroup) {
-            // Gather the heads of a group of buckets without a branch per bucket (an empty
-            // bucket is as likely as a full one, so that branch would mispredict half the
-            // time), then walk their chains.
-            Member const* heads[walkGroup];
-            for (U32 g = 0; g < buckets; g += walkGroup) {
-                U32 n = 0;
-                for (U32 i = 0; i < walkGroup; ++i) {
-                    heads[n] = down(raw_.head(g + i));
-                    n += heads[n] != nullptr;
+        U32 const words = raw_.occupancyWords();
+        for (U32 w = 0; w < words; ++w) {
+            U32 const base = w * HashMapRaw::occupancyBits;
+            for (HashMapRaw::OccupancyWord bits = raw_.occupancy(w); bits; bits &= bits - 1) {
+                U32 const b = base + U32(std::countr_zero(bits));
+                for (Member const* m = down(raw_.head(b)); m; m = m->fwkHmNext()) {
+                    f(*m);
+                    KAL_DASSERT(raw_.version() == version);
                 }
-                for (U32 i = 0; i < n; ++i) {
-                    for (Member const* m = heads[i]; m; m = m->fwkHmNext()) {
-                        f(*m);
-                        KAL_DASSERT(raw_.version() == version);
-                    }
-                }
-            }
-            return;
-        }
-        for (U32 b = 0; b < buckets; ++b) {
-            for (Member const* m = down(raw_.head(b)); m; m = m->fwkHmNext()) {
-                f(*m);
-                KAL_DASSERT(raw_.version() == version);
             }
         }
     }
 
   private:
-    static constexpr U32 walkGroup = 32;
     static Member* down(PtrInterface* p) noexcept { return static_cast<Member*>(p); }
     static Member const* down(PtrInterface const* p) noexcept {
         return static_cast<Member const*>(p);

@@ -1023,7 +1023,7 @@ TEST_F(HashMapTest, ConstIteratorsAndIteratorsStartingAtAKey) {
 
 TEST_F(HashMapTest, ForEachMemberVisitsEveryMemberInMapOrderWithoutCounting) {
     std::mt19937_64 rng(31);
-    // Small maps walk bucket by bucket, bigger ones gather bucket heads in groups.
+    // From one bucket (and one occupancy word) to many words.
     for (size_t n : {0, 3, 20, 1000}) {
         auto const keys = randomKeys(rng, n);
         Map map;
