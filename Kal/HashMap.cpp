@@ -1,6 +1,5 @@
 #include "Kal/HashMap.h"
 
-#include <algorithm>
 #include <memory>
 #include <new>
 #include <string>
@@ -397,7 +396,7 @@ HashMapIteratorRaw::HashMapIteratorRaw(HashMapRaw const& map) noexcept : map_(&m
     link();
 }
 
-HashMapIteratorRaw::HashMapIteratorRaw(HashMapRaw const& map, U32 h, void const* key) noexcept
+HashMapIteratorRaw::HashMapIteratorRaw(HashMapRaw const& map, U32 h, void const* key)
     : map_(&map) {
     S32 bucket;
     PtrInterface* const start = map.startAt(h, key, bucket);
