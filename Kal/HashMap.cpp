@@ -1,5 +1,6 @@
 #include "Kal/HashMap.h"
 
+#include <memory>
 #include <new>
 #include <string>
 
@@ -20,8 +21,10 @@ namespace {
 //   load 1.0 (std::unordered_map 94), 91 ns at load 3/4 (std 86), 85 ns at 1/2 (std 89);
 //   a maximum of 2 cost a third more than 1;
 // - a walk pays for empty buckets: a full walk of 1K members took 1.7 ns per member at
-//   load 1.0 and 2.9 ns at 1/2;
-// - bucket pointers cost 4/3 to 8/3 words per member; a member is five words or more.
+//   load 1.0 and 2.9 ns at 1/2 (measured before walks skipped empty buckets through the
+//   occupancy bits, which made the load matter much less to them);
+// - bucket pointers cost 4/3 to 8/3 words per member, and their occupancy bits 1/64 of
+//   that; a member is five words or more.
 // 3/4 is the compromise; lower loads buy little lookup time for memory and slower walks.
 //
 // smallMapMembers 8: a map of a few members (the vias of a via set) stays in its inline
@@ -46,16 +49,32 @@ PtrInterface** allocateBuckets(U32 count) noexcept {
     return new (std::nothrow) PtrInterface*[count]();
 }
 
+using OccupancyWord = HashMapRaw::OccupancyWord;
+constexpr U32 occupancyBits = HashMapRaw::occupancyBits;
+
+U32 occupancyWordsFor(U32 buckets) noexcept {
+    return (buckets + occupancyBits - 1) / occupancyBits;
+}
+
+// A map keeps its occupancy in its inline word up to occupancyBits buckets.
+bool occupancyInline(U32 buckets) noexcept { return buckets <= occupancyBits; }
+
+void occupy(OccupancyWord* bits, U32 bucket) noexcept {
+    bits[bucket / occupancyBits] |= OccupancyWord(1) << (bucket % occupancyBits);
+}
+
 std::string text(U32 n) { return std::to_string(n); }
 
 } // namespace
 
 HashMapRaw::HashMapRaw(HashMapOps const& ops, U32 initialSize)
-    : ops_(&ops), buckets_(&inlineBucket_) {
+    : ops_(&ops), buckets_(&inlineBucket_), occupied_(&inlineOccupied_) {
     U32 n = 1;
     while (n < initialSize && n < maxBucketCount) n <<= 1;
     if (n > 1) {
-        buckets_ = new PtrInterface*[n]();
+        std::unique_ptr<PtrInterface*[]> fresh(new PtrInterface*[n]());
+        if (!occupancyInline(n)) occupied_ = new OccupancyWord[occupancyWordsFor(n)]();
+        buckets_ = fresh.release();
         bucketCount_ = n;
         shift_ = 31 - log2OfPowerOfTwo(n);
     }
@@ -66,9 +85,15 @@ HashMapRaw::HashMapRaw(HashMapRaw const& other) : HashMapRaw(*other.ops_, other.
     // This object is complete from here on: if a clone throws, the destructor releases the
     // members copied so far.
     if (other.bucketCount_ != bucketCount_) {
-        PtrInterface** fresh = new PtrInterface*[other.bucketCount_]();
+        std::unique_ptr<PtrInterface*[]> fresh(new PtrInterface*[other.bucketCount_]());
+        OccupancyWord* bits = &inlineOccupied_;
+        if (!occupancyInline(other.bucketCount_)) {
+            bits = new OccupancyWord[occupancyWordsFor(other.bucketCount_)]();
+        }
         if (buckets_ != &inlineBucket_) delete[] buckets_;
-        buckets_ = fresh;
+        if (occupied_ != &inlineOccupied_) delete[] occupied_;
+        buckets_ = fresh.release();
+        occupied_ = bits;
         bucketCount_ = other.bucketCount_;
         shift_ = other.shift_;
     }
@@ -81,6 +106,7 @@ HashMapRaw::HashMapRaw(HashMapRaw const& other) : HashMapRaw(*other.ops_, other.
             } else {
                 c->referencesInc();
                 buckets_[b] = c;
+                occupy(occupied_, b);
             }
             tail = c;
             ++count_;
@@ -92,6 +118,8 @@ HashMapRaw::HashMapRaw(HashMapRaw const& other) : HashMapRaw(*other.ops_, other.
 HashMapRaw& HashMapRaw::operator=(HashMapRaw const& other) {
     if (this == &other) return *this;
     HashMapRaw copy(other);
+    // The old members go with copy: this map's iterators keep theirs.
+    pinIterators(nullptr);
     // Every old member is deleted and every new one inserted.
     U32 const version = version_ + count_ + copy.count_;
     swap(copy);
@@ -99,16 +127,26 @@ HashMapRaw& HashMapRaw::operator=(HashMapRaw const& other) {
     return *this;
 }
 
+// A map's versions only grow (short of wrapping around), so an iterator that has seen a
+// change never mistakes the map for unchanged. A moved-from map counts the members that left
+// it, so its iterators, pinned on members another map now holds, take the careful step.
 HashMapRaw::HashMapRaw(HashMapRaw&& other) noexcept
-    : ops_(other.ops_), buckets_(&inlineBucket_) {
+    : ops_(other.ops_), buckets_(&inlineBucket_), occupied_(&inlineOccupied_) {
+    other.pinIterators(nullptr);
+    U32 const otherVersion = other.version_ + other.count_;
     swap(other);
+    other.version_ = otherVersion;
 }
 
 HashMapRaw& HashMapRaw::operator=(HashMapRaw&& other) noexcept {
     if (this == &other) return *this;
+    pinIterators(nullptr);
+    other.pinIterators(nullptr);
     U32 const version = version_ + count_ + other.count_;
+    U32 const otherVersion = other.version_ + other.count_;
     swap(other);
     version_ = version;
+    other.version_ = otherVersion;
     // The members this map held are released, not handed to other.
     other.deleteAll();
     other.resize(1);
@@ -117,8 +155,20 @@ HashMapRaw& HashMapRaw::operator=(HashMapRaw&& other) noexcept {
 }
 
 HashMapRaw::~HashMapRaw() {
+    // Iterators that outlive the map (they must not be used) keep their members and forget
+    // the map, so that destroying them later touches neither.
+    pinIterators(nullptr);
+    for (HashMapIteratorRaw* i = iterators_; i;) {
+        HashMapIteratorRaw* const next = i->nextIterator_;
+        i->map_ = nullptr;
+        i->nextIterator_ = nullptr;
+        i->prevLink_ = nullptr;
+        i = next;
+    }
+    iterators_ = nullptr;
     releaseChains();
     if (buckets_ != &inlineBucket_) delete[] buckets_;
+    if (occupied_ != &inlineOccupied_) delete[] occupied_;
 }
 
 void HashMapRaw::swap(HashMapRaw& other) noexcept {
@@ -129,6 +179,12 @@ void HashMapRaw::swap(HashMapRaw& other) noexcept {
     std::swap(inlineBucket_, other.inlineBucket_);
     if (thisInline) other.buckets_ = &other.inlineBucket_;
     if (otherInline) buckets_ = &inlineBucket_;
+    bool const thisBitsInline = occupied_ == &inlineOccupied_;
+    bool const otherBitsInline = other.occupied_ == &other.inlineOccupied_;
+    std::swap(occupied_, other.occupied_);
+    std::swap(inlineOccupied_, other.inlineOccupied_);
+    if (thisBitsInline) other.occupied_ = &other.inlineOccupied_;
+    if (otherBitsInline) occupied_ = &inlineOccupied_;
     std::swap(version_, other.version_);
     std::swap(count_, other.count_);
     std::swap(bucketCount_, other.bucketCount_);
@@ -171,6 +227,16 @@ void HashMapRaw::resize(U32 newCount) noexcept {
         fresh = allocateBuckets(newCount);
         if (!fresh) return;
     }
+    // The new occupancy, built with the new chains.
+    OccupancyWord freshInlineBits = 0;
+    OccupancyWord* bits = &freshInlineBits;
+    if (!occupancyInline(newCount)) {
+        bits = new (std::nothrow) OccupancyWord[occupancyWordsFor(newCount)]();
+        if (!bits) {
+            if (fresh != &inlineBucket_) delete[] fresh;
+            return;
+        }
+    }
     U32 const newShift = 31 - log2OfPowerOfTwo(newCount);
     PtrInterface** old = buckets_;
     if (newCount > bucketCount_) {
@@ -182,6 +248,7 @@ void HashMapRaw::resize(U32 newCount) noexcept {
             while (m) {
                 // m starts a run of members for bucket nb: find its end.
                 fresh[nb] = m;
+                occupy(bits, nb);
                 PtrInterface* last = m;
                 PtrInterface* n = ops_->next(last);
                 U32 nextNb = nb;
@@ -213,12 +280,26 @@ void HashMapRaw::resize(U32 newCount) noexcept {
                 while (PtrInterface* n = ops_->next(tail)) tail = n;
             }
             fresh[nb] = first;
+            if (first) occupy(bits, nb);
         }
     }
     if (old != &inlineBucket_) delete[] old;
     buckets_ = fresh;
+    if (occupied_ != &inlineOccupied_) delete[] occupied_;
+    if (bits == &freshInlineBits) {
+        inlineOccupied_ = freshInlineBits;
+        occupied_ = &inlineOccupied_;
+    } else {
+        occupied_ = bits;
+    }
     bucketCount_ = newCount;
     shift_ = newShift;
+}
+
+void HashMapRaw::occupiedIs(U32 bucket, bool occupied) noexcept {
+    OccupancyWord const bit = OccupancyWord(1) << (bucket % occupancyBits);
+    OccupancyWord& word = occupied_[bucket / occupancyBits];
+    word = occupied ? word | bit : word & ~bit;
 }
 
 void HashMapRaw::newMember(PtrInterface* t, U32 h) {
@@ -238,6 +319,8 @@ void HashMapRaw::newMember(PtrInterface* t, U32 h) {
             // t's link takes over the bucket array's reference to the old head.
             ops_->setNext(t, head);
             head->referencesDec();
+        } else {
+            occupiedIs(b, true);
         }
         buckets_[b] = t;
     }
@@ -255,6 +338,7 @@ bool HashMapRaw::deleteMember(PtrInterface* t) {
     PtrInterface* head = buckets_[b];
     if (head == t) {
         buckets_[b] = ops_->takeNext(t);
+        if (!buckets_[b]) occupiedIs(b, false);
     } else {
         PtrInterface* pred = head;
         while (pred && ops_->next(pred) != t) pred = ops_->next(pred);
@@ -263,6 +347,7 @@ bool HashMapRaw::deleteMember(PtrInterface* t) {
     }
     --count_;
     ++version_;
+    pinIterators(t);
     t->referencesDec();
     maybeShrink();
     return true;
@@ -275,7 +360,9 @@ void HashMapRaw::releaseChains() noexcept {
     // one from inside its destructor (no recursion along a chain, however long).
     for (U32 b = 0; b < bucketCount_; ++b) {
         PtrInterface* m = buckets_[b];
+        if (!m) continue;
         buckets_[b] = nullptr;
+        occupiedIs(b, false);
         while (m) {
             PtrInterface* next = ops_->takeNext(m);
             --count_;
@@ -287,8 +374,141 @@ void HashMapRaw::releaseChains() noexcept {
 }
 
 void HashMapRaw::deleteAll() noexcept {
+    pinIterators(nullptr);
     releaseChains();
     resize(minBuckets_);
+}
+
+void HashMapRaw::pinIterators(PtrInterface const* m) const noexcept {
+    for (HashMapIteratorRaw* i = iterators_; i; i = i->nextIterator_) {
+        if (!m || i->cur_ == m) i->pin();
+    }
+}
+
+// Iterators. The map's list links every live iterator through nextIterator_; prevLink_ is
+// the link that points at the iterator (the map's iterators_ or the previous iterator's
+// nextIterator_), so that an iterator leaves the list in constant time.
+
+HashMapIteratorRaw::HashMapIteratorRaw(HashMapRaw const& map) noexcept : map_(&map) {
+    S32 bucket;
+    PtrInterface* const first = map.firstFrom(0, bucket);
+    standOnBucket(first, bucket);
+    link();
+}
+
+HashMapIteratorRaw::HashMapIteratorRaw(HashMapRaw const& map, U32 h, void const* key)
+    : map_(&map) {
+    S32 bucket;
+    PtrInterface* const start = map.startAt(h, key, bucket);
+    standOnBucket(start, bucket);
+    link();
+}
+
+HashMapIteratorRaw::HashMapIteratorRaw(HashMapIteratorRaw const& o) noexcept
+    : map_(o.map_), cur_(o.cur_), pending_(o.pending_), base_(o.base_), version_(o.version_),
+      pinned_(o.pinned_) {
+    if (pinned_) cur_->referencesInc();
+    link();
+}
+
+HashMapIteratorRaw::HashMapIteratorRaw(HashMapIteratorRaw&& o) noexcept
+    : map_(o.map_), cur_(std::exchange(o.cur_, nullptr)), pending_(std::exchange(o.pending_, 0)),
+      base_(o.base_), version_(o.version_), pinned_(std::exchange(o.pinned_, false)) {
+    link();
+}
+
+// Same map, same version: o's pending occupancy holds for this iterator too.
+HashMapIteratorRaw& HashMapIteratorRaw::operator=(HashMapIteratorRaw const& o) {
+    if (this == &o) return *this;
+    if (o.pinned_) o.cur_->referencesInc();
+    if (map_ != o.map_) {
+        unlink();
+        map_ = o.map_;
+        link();
+    }
+    standOn(o.cur_, o.pinned_, o.version_, o.pending_, o.base_);
+    return *this;
+}
+
+HashMapIteratorRaw& HashMapIteratorRaw::operator=(HashMapIteratorRaw&& o) {
+    if (this == &o) return *this;
+    if (map_ != o.map_) {
+        unlink();
+        map_ = o.map_;
+        link();
+    }
+    bool const pinned = std::exchange(o.pinned_, false);
+    OccupancyWord const pending = std::exchange(o.pending_, 0);
+    standOn(std::exchange(o.cur_, nullptr), pinned, o.version_, pending, o.base_);
+    return *this;
+}
+
+HashMapIteratorRaw::~HashMapIteratorRaw() {
+    unlink();
+    if (pinned_) cur_->referencesDec();
+}
+
+void HashMapIteratorRaw::reset() {
+    KAL_DASSERT(map_);
+    S32 bucket;
+    PtrInterface* const first = map_->firstFrom(0, bucket);
+    standOnBucket(first, bucket);
+}
+
+void HashMapIteratorRaw::stepAfterChange() {
+    KAL_DASSERT(map_);
+    KAL_DASSERT(cur_);
+    // cur_ is held by the map or by the pin: its hash and key are there to search from.
+    S32 bucket;
+    PtrInterface* const next = map_->findNext(cur_, bucket);
+    standOnBucket(next, bucket);
+}
+
+void HashMapIteratorRaw::standOnBucket(PtrInterface* m, S32 bucket) {
+    OccupancyWord pending = 0;
+    U32 base = 0;
+    if (bucket >= 0) {
+        U32 const b = U32(bucket);
+        base = b - b % occupancyBits;
+        pending = map_->occupancy(b / occupancyBits) & (~OccupancyWord(0) << (b % occupancyBits));
+    }
+    standOn(m, false, map_->version_, pending, base);
+}
+
+void HashMapIteratorRaw::standOn(PtrInterface* m, bool pinned, U32 version, OccupancyWord pending,
+                                 U32 base) {
+    PtrInterface* const old = cur_;
+    bool const oldPinned = pinned_;
+    cur_ = m;
+    pinned_ = pinned;
+    version_ = version;
+    pending_ = pending;
+    base_ = base;
+    // Last: releasing the old member may destroy it, and its destructor may do anything.
+    if (oldPinned) old->referencesDec();
+}
+
+void HashMapIteratorRaw::pin() noexcept {
+    if (cur_ && !pinned_) {
+        cur_->referencesInc();
+        pinned_ = true;
+    }
+}
+
+void HashMapIteratorRaw::link() noexcept {
+    if (!map_) return; // a copy of an iterator whose map is gone
+    nextIterator_ = map_->iterators_;
+    prevLink_ = &map_->iterators_;
+    if (nextIterator_) nextIterator_->prevLink_ = &nextIterator_;
+    map_->iterators_ = this;
+}
+
+void HashMapIteratorRaw::unlink() noexcept {
+    if (!prevLink_) return;
+    *prevLink_ = nextIterator_;
+    if (nextIterator_) nextIterator_->prevLink_ = prevLink_;
+    nextIterator_ = nullptr;
+    prevLink_ = nullptr;
 }
 
 PtrInterface* HashMapRaw::seek(U32 h, void const* key, bool orEqual, S32& bucket) const {
@@ -344,6 +564,21 @@ String8 HashMapRaw::verify() const {
     }
     if ((bucketCount_ == 1) != (buckets_ == &inlineBucket_)) {
         return String8("bucket array and bucket count " + text(bucketCount_) + " disagree");
+    }
+    if (occupancyInline(bucketCount_) != (occupied_ == &inlineOccupied_)) {
+        return String8("occupancy words and bucket count " + text(bucketCount_) + " disagree");
+    }
+    for (U32 b = 0; b < bucketCount_; ++b) {
+        bool const bit = (occupied_[b / occupancyBits] >> (b % occupancyBits)) & 1;
+        if (bit != (buckets_[b] != nullptr)) {
+            return String8("occupancy bit of bucket " + text(b) + (bit ? " set" : " clear") +
+                           " but the bucket is " + (bit ? "empty" : "not empty"));
+        }
+    }
+    if (U32 const used = bucketCount_ % occupancyBits) {
+        if (occupied_[bucketCount_ / occupancyBits] >> used) {
+            return String8("occupancy bits set past the last bucket " + text(bucketCount_ - 1));
+        }
     }
     U32 seen = 0;
     for (U32 b = 0; b < bucketCount_; ++b) {

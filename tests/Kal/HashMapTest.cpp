@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <map>
+#include <memory>
+#include <optional>
 #include <random>
 #include <set>
 #include <unordered_map>
@@ -371,6 +373,414 @@ TEST_F(HashMapTest, MembersInsertedDuringAWalkAreVisitedIffTheySortAfterIt) {
     EXPECT_EQ(map.verify(), "");
 }
 
+// Iterators count nothing while their member is in the map. Deleting the member under two
+// of them makes each hold it by a reference of its own, which each releases when it moves on:
+// the member lives until the last one has left it.
+TEST_F(HashMapTest, TwoIteratorsOnADeletedMemberEachHoldItUntilTheyMoveOn) {
+    std::mt19937_64 rng(40);
+    auto const keys = randomKeys(rng, 32);
+    auto const order = inMapOrder(keys);
+    Map map;
+    for (U64 k : keys) insert(map, k);
+
+    auto i = map.iterator();
+    for (int n = 0; n < 5; ++n) ++i;
+    Map::Iterator j(map, order[5]);
+    ASSERT_EQ(i.ptr(), j.ptr());
+    Entry* const doomed = i.ptr();
+    EXPECT_EQ(doomed->references(), 1u) << "only the map counts a member under iterators";
+
+    EXPECT_TRUE(map.deleteMember(doomed));
+    EXPECT_EQ(liveMembers, 32);
+    EXPECT_EQ(doomed->references(), 2u);
+    EXPECT_EQ(i.key(), order[5]);
+    EXPECT_EQ(j->fwkKey(), order[5]);
+
+    ++i;
+    ASSERT_FALSE(i.isEnd());
+    EXPECT_EQ(i.key(), order[6]);
+    EXPECT_EQ(liveMembers, 32) << "j still holds the deleted member";
+    EXPECT_EQ(doomed->references(), 1u);
+    EXPECT_EQ(j.key(), order[5]);
+    ++j;
+    EXPECT_EQ(liveMembers, 31);
+    ASSERT_FALSE(j.isEnd());
+    EXPECT_EQ(j.key(), order[6]);
+    EXPECT_EQ(i.ptr()->references(), 1u);
+
+    std::vector<U64> rest;
+    for (; j; ++j) rest.push_back(j.key());
+    EXPECT_EQ(rest, std::vector<U64>(order.begin() + 6, order.end()));
+    EXPECT_EQ(i.key(), order[6]);
+    EXPECT_EQ(map.verify(), "");
+}
+
+// A member that only a pinned iterator holds any more is destroyed once, when the iterator
+// steps off it, is reset or dies; deleting a member the iterator already holds (deleted,
+// inserted again, deleted again) adds no second reference.
+TEST_F(HashMapTest, AMemberHeldOnlyByAPinnedIteratorIsReleasedOnceWhenItMovesOn) {
+    std::mt19937_64 rng(41);
+    auto const keys = randomKeys(rng, 50);
+    auto const order = inMapOrder(keys);
+    Map map;
+    for (U64 k : keys) insert(map, k);
+
+    Map::Iterator i(map, order[7]);
+    map.deleteMember(i.ptr());
+    EXPECT_EQ(liveMembers, 50);
+    ++i;
+    EXPECT_EQ(liveMembers, 49);
+    EXPECT_EQ(i.key(), order[8]);
+    for (; i; ++i) EXPECT_EQ(liveMembers, 49);
+    ++i;
+    EXPECT_EQ(liveMembers, 49);
+
+    // Deleted, inserted again and deleted again under the same iterator.
+    Map::Iterator j(map, order[20]);
+    Entry* const x = j.ptr();
+    map.deleteMember(x);
+    EXPECT_EQ(x->references(), 1u);
+    map.newMember(x);
+    EXPECT_EQ(x->references(), 2u);
+    EXPECT_EQ(map.verify(), "");
+    map.deleteMember(x);
+    EXPECT_EQ(x->references(), 1u);
+    EXPECT_EQ(liveMembers, 49);
+    ++j;
+    EXPECT_EQ(liveMembers, 48);
+    EXPECT_EQ(j.key(), order[21]);
+
+    // reset() and destruction release a pin too.
+    Map::Iterator k(map, order[30]);
+    map.deleteMember(k.ptr());
+    k.reset();
+    EXPECT_EQ(liveMembers, 47);
+    EXPECT_EQ(k.key(), order[0]);
+    {
+        Map::Iterator scoped(map, order[31]);
+        map.deleteMember(scoped.ptr());
+        EXPECT_EQ(liveMembers, 47);
+    }
+    EXPECT_EQ(liveMembers, 46);
+    EXPECT_EQ(map.members(), 46u);
+    EXPECT_EQ(map.verify(), "");
+}
+
+// Copies of an iterator, const conversions and moves: every iterator standing on a deleted
+// member holds it once, assignment and reset release what the iterator held, and a
+// moved-from iterator is at its end.
+TEST_F(HashMapTest, CopiesOfAnIteratorEachHoldADeletedMemberOnce) {
+    std::mt19937_64 rng(42);
+    auto const keys = randomKeys(rng, 40);
+    auto const order = inMapOrder(keys);
+    Map map;
+    for (U64 k : keys) insert(map, k);
+
+    Map::Iterator i(map, order[3]);
+    Map::Iterator j(i); // a copy made before the deletion
+    Entry* const doomed = i.ptr();
+    map.deleteMember(doomed);
+    EXPECT_EQ(doomed->references(), 2u);
+    {
+        Map::Iterator k = j; // a copy of a pinned iterator
+        EXPECT_EQ(doomed->references(), 3u);
+        Map::IteratorConst c = k;
+        EXPECT_EQ(doomed->references(), 4u);
+        EXPECT_EQ(c.key(), order[3]);
+        Map::Iterator m(std::move(k));
+        EXPECT_EQ(doomed->references(), 4u);
+        EXPECT_TRUE(k.isEnd());
+        ++k;
+        EXPECT_TRUE(k.isEnd());
+        EXPECT_EQ(m.key(), order[3]);
+        ++m;
+        EXPECT_EQ(m.key(), order[4]);
+        EXPECT_EQ(doomed->references(), 3u);
+        // A moved-from iterator is still one of its map: it can start over.
+        k.reset();
+        EXPECT_EQ(k.key(), order[0]);
+        ++c;
+        EXPECT_EQ(c.key(), order[4]);
+        EXPECT_EQ(doomed->references(), 2u);
+    }
+    j = map.iterator();
+    EXPECT_EQ(doomed->references(), 1u);
+    EXPECT_EQ(j.key(), order[0]);
+    EXPECT_EQ(liveMembers, 40);
+
+    // Move-assigning the pinned iterator hands its reference over.
+    j = std::move(i);
+    EXPECT_TRUE(i.isEnd());
+    EXPECT_EQ(doomed->references(), 1u);
+    EXPECT_EQ(j.key(), order[3]);
+    // Copy-assigning an iterator over itself changes nothing.
+    Map::Iterator& alias = j;
+    j = alias;
+    EXPECT_EQ(doomed->references(), 1u);
+    ++j;
+    EXPECT_EQ(liveMembers, 39);
+    EXPECT_EQ(j.key(), order[4]);
+
+    // Copies of iterators of two maps swap places without losing track of either map.
+    Map other;
+    insert(other, 5);
+    Map::Iterator o = other.iterator();
+    Map::Iterator p = o;
+    o = j;
+    j = p;
+    EXPECT_EQ(o.key(), order[4]);
+    EXPECT_EQ(j.key(), 5u);
+    map.deleteMember(o.ptr());
+    other.deleteMember(j.ptr());
+    EXPECT_EQ(liveMembers, 40);
+    ++o;
+    EXPECT_EQ(liveMembers, 39);
+    EXPECT_EQ(o.key(), order[5]);
+    ++j;
+    EXPECT_TRUE(j.isEnd());
+    EXPECT_EQ(liveMembers, 39) << "p still stands on the member of the other map";
+    p.reset();
+    EXPECT_EQ(liveMembers, 38);
+    EXPECT_TRUE(p.isEnd());
+}
+
+// deleteAll releases every member but those under iterators; each iterator goes on with
+// the members that sort after its position, here inserted after the deletion.
+TEST_F(HashMapTest, DeleteAllLeavesIteratorsTheirMembers) {
+    std::mt19937_64 rng(43);
+    auto const keys = randomKeys(rng, 100);
+    auto const order = inMapOrder(keys);
+    auto const fresh = randomKeys(rng, 50);
+    Map map(16);
+    for (U64 k : keys) insert(map, k);
+
+    auto i = map.iterator();
+    Map::Iterator j(map, order[40]);
+    Map::Iterator k(map, order[40]);
+    Map::IteratorConst atEnd(map, order.back());
+    ++atEnd;
+    ASSERT_TRUE(atEnd.isEnd());
+
+    map.deleteAll();
+    EXPECT_EQ(map.members(), 0u);
+    EXPECT_EQ(liveMembers, 2);
+    EXPECT_EQ(i.key(), order[0]);
+    EXPECT_EQ(j.key(), order[40]);
+    EXPECT_EQ(map.verify(), "");
+
+    for (U64 f : fresh) insert(map, f);
+    auto after = [&](U64 position) {
+        std::vector<U64> expected;
+        for (U64 f : inMapOrder(fresh)) {
+            if (sortsBefore(position, f)) expected.push_back(f);
+        }
+        return expected;
+    };
+    std::vector<U64> seen;
+    for (++i; i; ++i) seen.push_back(i.key());
+    EXPECT_EQ(seen, after(order[0]));
+    EXPECT_EQ(liveMembers, 50 + 1);
+    ++j;
+    EXPECT_EQ(liveMembers, 50 + 1) << "k still holds the member";
+    ++k;
+    EXPECT_EQ(liveMembers, 50);
+    seen.clear();
+    for (; k; ++k) seen.push_back(k.key());
+    EXPECT_EQ(seen, after(order[40]));
+    ++atEnd;
+    EXPECT_TRUE(atEnd.isEnd());
+}
+
+// Assignment replaces every member: the iterators of the assigned map keep theirs and go on
+// with the new members after their position; the iterators of a moved-from map keep theirs
+// too and find the end.
+TEST_F(HashMapTest, AssignmentLeavesIteratorsTheirMembers) {
+    std::mt19937_64 rng(44);
+    auto const a = randomKeys(rng, 60);
+    auto const b = randomKeys(rng, 40);
+    auto const c = randomKeys(rng, 30);
+    auto const orderA = inMapOrder(a), orderB = inMapOrder(b), orderC = inMapOrder(c);
+    auto firstAfter = [](std::vector<U64> const& order, U64 position) {
+        auto const at = std::upper_bound(order.begin(), order.end(), position, sortsBefore);
+        return at == order.end() ? std::optional<U64>() : std::optional<U64>(*at);
+    };
+    auto keyOf = [](Map::Iterator const& it) {
+        return it ? std::optional<U64>(it.key()) : std::optional<U64>();
+    };
+
+    Map map;
+    for (U64 k : a) insert(map, k);
+    Map::Iterator i(map, orderA[10]);
+    Map::Iterator walking = map.iterator();
+
+    // Self-assignment changes nothing: the iterators step on as before.
+    Map& alias = map;
+    map = alias;
+    ++walking;
+    EXPECT_EQ(walking.key(), orderA[1]);
+
+    // Copy-assignment.
+    Map other;
+    for (U64 k : b) insert(other, k);
+    map = other;
+    EXPECT_EQ(liveMembers, 40 + 40 + 2);
+    EXPECT_EQ(i.key(), orderA[10]);
+    ++i;
+    EXPECT_EQ(keyOf(i), firstAfter(orderB, orderA[10]));
+    ++walking;
+    EXPECT_EQ(keyOf(walking), firstAfter(orderB, orderA[1]));
+    EXPECT_EQ(liveMembers, 40 + 40);
+
+    // Move-assignment, with iterators on both maps.
+    Map source;
+    for (U64 k : c) insert(source, k);
+    Map::Iterator onSource(source, orderC[1]);
+    Map::Iterator onTarget = map.iterator();
+    map = std::move(source);
+    EXPECT_EQ(source.members(), 0u);
+    // onTarget, i and walking stand on members of the replaced copy.
+    EXPECT_EQ(liveMembers, 40 + 30 + 3);
+    EXPECT_EQ(onSource.key(), orderC[1]);
+    EXPECT_EQ(onTarget.key(), orderB[0]);
+    // The target holds onSource's member now, and may delete it.
+    map.deleteMember(map[orderC[1]]);
+    EXPECT_EQ(liveMembers, 40 + 30 + 3);
+    EXPECT_EQ(onSource.key(), orderC[1]);
+    ++onSource;
+    EXPECT_TRUE(onSource.isEnd()) << "the moved-from map is empty";
+    EXPECT_EQ(liveMembers, 40 + 29 + 3);
+    ++onTarget;
+    EXPECT_EQ(keyOf(onTarget), firstAfter(orderC, orderB[0]));
+    EXPECT_EQ(liveMembers, 40 + 29 + 2);
+    EXPECT_EQ(map.verify(), "");
+    EXPECT_EQ(source.verify(), "");
+
+    // Clearing by assigning an empty map.
+    Map::Iterator last(map, orderC.back());
+    ASSERT_TRUE(onTarget);
+    map = Map();
+    EXPECT_EQ(liveMembers, 40 + 2 + 2);
+    ++last;
+    EXPECT_TRUE(last.isEnd());
+    ++onTarget;
+    EXPECT_TRUE(onTarget.isEnd());
+    EXPECT_EQ(liveMembers, 40 + 2);
+    ++i;
+    ++walking;
+    EXPECT_TRUE(i.isEnd());
+    EXPECT_TRUE(walking.isEnd());
+    EXPECT_EQ(liveMembers, 40);
+}
+
+// Moving a map hands its members to another map; its own iterators keep theirs, and their
+// next step finds the end of the emptied map, even when the versions of the two maps would
+// have lined up.
+TEST_F(HashMapTest, MovingAMapLeavesItsIteratorsTheirMembers) {
+    Map map;
+    for (U64 k = 1; k <= 6; ++k) insert(map, k);
+    auto const order = inMapOrder({1, 2, 3, 4, 5, 6});
+    Map::Iterator i(map, order[2]);
+    Map moved(std::move(map));
+    moved.deleteMember(moved[order[2]]);
+    EXPECT_EQ(liveMembers, 6);
+    EXPECT_EQ(i.key(), order[2]);
+    ++i;
+    EXPECT_TRUE(i.isEnd());
+    EXPECT_EQ(liveMembers, 5);
+
+    // Move-assignment: the source, at version 6, gets the target's three members to release
+    // (the target was at version 3): a version it must not mistake for its own.
+    Map source;
+    for (U64 k = 1; k <= 6; ++k) insert(source, k);
+    Map target;
+    for (U64 k = 7; k <= 9; ++k) insert(target, k);
+    Map::Iterator j(source, order[0]);
+    target = std::move(source);
+    target.deleteMember(target[order[0]]);
+    EXPECT_EQ(liveMembers, 5 + 6);
+    ++j;
+    EXPECT_TRUE(j.isEnd());
+    EXPECT_EQ(liveMembers, 5 + 5);
+    EXPECT_EQ(target.verify(), "");
+}
+
+// An iterator must not outlive its map; one that does anyway keeps its member, and only
+// destroying it (the one thing allowed) releases that member.
+TEST_F(HashMapTest, AnIteratorLeftBehindByItsMapOnlyReleasesItsMember) {
+    auto map = std::make_unique<Map>();
+    for (U64 k = 1; k <= 10; ++k) insert(*map, k);
+    std::optional<Map::Iterator> i(map->iterator());
+    ++*i;
+    std::optional<Map::IteratorConst> atEnd(std::in_place, std::as_const(*map));
+    while (*atEnd) ++*atEnd;
+    map.reset();
+    EXPECT_EQ(liveMembers, 1);
+    atEnd.reset();
+    i.reset();
+    EXPECT_EQ(liveMembers, 0);
+}
+
+// A map that never shrinks below 4096 buckets, with members at the edges of the occupancy
+// words (of 32 or 64 buckets) and long empty stretches between them: walks, starts and
+// lookups of the successor find the next non-empty bucket across them, before and after
+// buckets empty again.
+TEST_F(HashMapTest, WalksCrossEmptyStretchesOfBuckets) {
+    constexpr U32 log2Buckets = 12;
+    Map map(1u << log2Buckets);
+    // The key whose (reversed) hash puts it first in bucket b.
+    auto keyIn = [](U32 b) { return U64(Kal::bitReverse(b << (32 - log2Buckets))); };
+    std::vector<U32> buckets = {0, 1, 31, 32, 33, 63, 64, 65, 95, 96, 127, 128, 2047, 4095};
+    for (U32 b : buckets) insert(map, keyIn(b), b);
+    // A second member in bucket 64: same top bits, a later hash.
+    insert(map, keyIn(64) | (U64(1) << (31 - log2Buckets)), 64);
+    ASSERT_EQ(map.buckets(), 1u << log2Buckets);
+    ASSERT_EQ(map.verify(), "");
+
+    auto walk = [&] {
+        std::vector<U32> seen;
+        for (auto i = map.iterator(); i; ++i) {
+            EXPECT_EQ(U32(i.bucketIndex()), U32(i->value()));
+            seen.push_back(U32(i->value()));
+        }
+        return seen;
+    };
+    std::vector<U32> expected = buckets;
+    expected.insert(std::find(expected.begin(), expected.end(), 64u), 64u);
+    EXPECT_EQ(walk(), expected);
+
+    // Starting in an empty bucket lands on the next non-empty one, possibly words later.
+    for (U32 empty : {2u, 34u, 66u, 129u, 2048u}) {
+        Map::Iterator i(map, keyIn(empty));
+        U32 const next = *std::upper_bound(buckets.begin(), buckets.end(), empty);
+        ASSERT_FALSE(i.isEnd()) << empty;
+        EXPECT_EQ(i.bucketIndex(), S32(next));
+        EXPECT_EQ(map.startAtHash(keyIn(empty))->value(), next);
+    }
+    // A key of the last bucket that sorts after its member (a lower bit of the hash set).
+    EXPECT_TRUE(Map::Iterator(map, keyIn(4095) | (U64(1) << 31)).isEnd());
+
+    // Emptied buckets are skipped: deleting the members of buckets 32 to 2047 leaves 0, 1,
+    // 31 and 4095, and the member of bucket 31 is followed by the one of 4095.
+    Map::Iterator at31(map, keyIn(31));
+    for (U32 b : buckets) {
+        if (b >= 32 && b <= 2047) map.deleteMember(map[keyIn(b)]);
+    }
+    map.deleteMember(map[keyIn(64) | (U64(1) << (31 - log2Buckets))]);
+    EXPECT_EQ(map.verify(), "");
+    EXPECT_EQ(walk(), (std::vector<U32>{0, 1, 31, 4095}));
+    ++at31;
+    EXPECT_EQ(at31.bucketIndex(), 4095);
+    S32 bucket = 0;
+    EXPECT_EQ(map.findNext(map[keyIn(31)], bucket)->value(), 4095u);
+    EXPECT_EQ(bucket, 4095);
+    map.deleteMember(map[keyIn(4095)]);
+    EXPECT_EQ(map.findNext(map[keyIn(31)], bucket), nullptr);
+    EXPECT_EQ(bucket, -1);
+    map.deleteAll();
+    EXPECT_TRUE(map.iterator().isEnd());
+    EXPECT_EQ(map.verify(), "");
+}
+
 TEST_F(HashMapTest, AllCollidingHashKeepsOneChainOrderedByKey) {
     std::mt19937 rng(4);
     std::vector<U32> ids(1200);
@@ -613,7 +1023,7 @@ TEST_F(HashMapTest, ConstIteratorsAndIteratorsStartingAtAKey) {
 
 TEST_F(HashMapTest, ForEachMemberVisitsEveryMemberInMapOrderWithoutCounting) {
     std::mt19937_64 rng(31);
-    // Small maps walk bucket by bucket, bigger ones gather bucket heads in groups.
+    // From one bucket (and one occupancy word) to many words.
     for (size_t n : {0, 3, 20, 1000}) {
         auto const keys = randomKeys(rng, n);
         Map map;
@@ -737,6 +1147,152 @@ TEST_F(HashMapTest, RandomOperationsMatchStandardContainers) {
             }
             walk();
         }
+    }
+}
+
+// Several iterators live through a seeded random sequence of insertions, deletions (of
+// members under iterators too), steps, copies, moves, resets, deleteAll and assignments.
+// Each iterator is checked against a model: its next member is the first present one that
+// sorts after its position. The live members are exactly those of the map and those the
+// iterators stand on.
+TEST_F(HashMapTest, InterleavedIteratorsFollowTheModelThroughRandomChanges) {
+    for (U64 seed : {4ull, 5ull, 0xBEEFull}) {
+        SCOPED_TRACE(::testing::Message() << "seed " << seed);
+        std::mt19937_64 rng(seed);
+        std::vector<U64> pool = randomKeys(rng, 300);
+        for (size_t i = 0; i < 100; ++i) pool.push_back((pool[i] << 32) | (pool[i] >> 32));
+        for (U64 k = 0; k < 50; ++k) pool.push_back(k);
+        auto anyKey = [&] { return pool[rng() % pool.size()]; };
+
+        Map map;
+        // The members in map order, and which object holds each key.
+        std::map<U64, Entry*, bool (*)(U64, U64)> present(sortsBefore);
+        struct Walker {
+            std::optional<Map::Iterator> it;
+            Entry* at = nullptr; // null: at the end
+            U64 key = 0;
+        };
+        std::vector<Walker> walkers(5);
+
+        auto place = [&](Walker& w, auto found) {
+            w.at = found == present.end() ? nullptr : found->second;
+            w.key = w.at ? found->first : 0;
+        };
+        auto relearn = [&] {
+            present.clear();
+            map.forEachMember([&](Entry const& e) {
+                present[e.fwkKey()] = const_cast<Entry*>(&e);
+            });
+        };
+        auto check = [&] {
+            ASSERT_EQ(map.verify(), "");
+            ASSERT_EQ(map.members(), present.size());
+            std::set<Entry const*> live;
+            for (auto const& [k, e] : present) live.insert(e);
+            for (Walker const& w : walkers) {
+                if (!w.it) continue;
+                if (!w.at) {
+                    ASSERT_TRUE(w.it->isEnd());
+                    continue;
+                }
+                ASSERT_FALSE(w.it->isEnd());
+                ASSERT_EQ(w.it->ptr(), w.at);
+                ASSERT_EQ(w.it->key(), w.key);
+                live.insert(w.at);
+            }
+            ASSERT_EQ(liveMembers, int(live.size()));
+        };
+
+        for (int op = 0; op < 6000; ++op) {
+            Walker& w = walkers[rng() % walkers.size()];
+            Walker& v = walkers[rng() % walkers.size()];
+            unsigned const dice = rng() % 100;
+            if (dice < 25) {
+                U64 const k = anyKey();
+                if (!present.count(k) && present.size() < 250) {
+                    present[k] = insert(map, k, k).ptr();
+                }
+            } else if (dice < 40) {
+                auto const found = present.find(anyKey());
+                if (found != present.end()) {
+                    ASSERT_TRUE(map.deleteMember(found->second));
+                    present.erase(found);
+                }
+            } else if (dice < 50) {
+                // The member under an iterator, when the map still holds it.
+                auto const found = w.at ? present.find(w.key) : present.end();
+                if (found != present.end() && found->second == w.at) {
+                    ASSERT_TRUE(map.deleteMember(w.at));
+                    present.erase(found);
+                }
+            } else if (dice < 75) {
+                if (w.it && w.at) {
+                    place(w, present.upper_bound(w.key));
+                    ++*w.it;
+                } else if (w.it) {
+                    ++*w.it;
+                }
+            } else if (dice < 80) {
+                if (rng() % 2) {
+                    w.it.emplace(map);
+                    place(w, present.begin());
+                } else {
+                    U64 const k = anyKey();
+                    w.it.emplace(map, k);
+                    place(w, present.lower_bound(k));
+                }
+            } else if (dice < 85) {
+                if (&v != &w && v.it) {
+                    if (w.it) *w.it = *v.it;
+                    else w.it.emplace(*v.it);
+                    w.at = v.at;
+                    w.key = v.key;
+                }
+            } else if (dice < 90) {
+                if (&v != &w && v.it) {
+                    if (w.it) *w.it = std::move(*v.it);
+                    else w.it.emplace(std::move(*v.it));
+                    w.at = v.at;
+                    w.key = v.key;
+                    v.at = nullptr;
+                }
+            } else if (dice < 93) {
+                w.it.reset();
+                w.at = nullptr;
+            } else if (dice < 96) {
+                if (w.it) {
+                    w.it->reset();
+                    place(w, present.begin());
+                }
+            } else if (dice < 97) {
+                map.deleteAll();
+                present.clear();
+            } else if (dice < 98) {
+                Map other;
+                for (int n = 0; n < 40; ++n) {
+                    U64 const k = anyKey();
+                    if (!other[k]) insert(other, k, k);
+                }
+                map = other;
+                relearn();
+            } else if (dice < 99) {
+                Map other;
+                for (int n = 0; n < 40; ++n) {
+                    U64 const k = anyKey();
+                    if (!other[k]) insert(other, k, k);
+                }
+                map = std::move(other);
+                relearn();
+            } else {
+                std::vector<U64> expected;
+                for (auto const& [k, e] : present) expected.push_back(k);
+                ASSERT_EQ(keysOf(map), expected);
+            }
+            check();
+            if (HasFatalFailure()) return;
+        }
+        walkers.clear();
+        EXPECT_EQ(liveMembers, int(map.members()));
     }
 }
 
