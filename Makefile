@@ -58,7 +58,8 @@ fuzz: deps
 
 demo: deps
 	@echo "make demo: the reference daemon host ridged is not built yet;"
-	@echo "it arrives with the adjacency helpers. Until then: make test, make bench."
+	@echo "the library it will drive is built and tested (make test, make bench);"
+	@echo "ridge-fib reads the shared-memory tables: build/default/apps/ridge-fib/ridge-fib --help"
 
 clean:
 	rm -rf build
