@@ -12,6 +12,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
 #include <memory>
 #include <random>
 #include <string>
@@ -170,10 +171,12 @@ BENCHMARK(AdjacencyDropToZero)->Name("Adjacency/DropToZero");
 constexpr U32 kSyncRoutes = 1 << 20;
 constexpr U32 kSyncFecs = 100000;
 
-// 1M kernel routes over 100K FECs, written once per run.
+// 1M kernel routes over 100K FECs, written once per run and removed when the run ends.
 Tables& syncTables() {
     static Tables* t = [] {
         auto* tables = new Tables(kSyncFecs + 16, kSyncRoutes + 16);
+        static std::string const prefix = tables->prefix;
+        std::atexit([] { Strata::StrataTable::removeFiles(prefix); });
         for (U32 f = 0; f < kSyncFecs; ++f) {
             Strata::Fib::Fec fec{FecId(3 + f)};
             fec.viaIs(Strata::Fib::ViaIndex(0),

@@ -268,7 +268,7 @@ template <class T> void createDropAdjacency(typename T::Helper &h) {
     adj->refCountIs(1);
     typename T::ViaSetT const empty;
     fileAdjacency(*h.ridgeStatus(), empty, T::dropIndex, adj);
-    typename T::Fec fec(Strata::Fib::FecId(T::dropIndex));
+    typename T::Fec fec{Strata::Fib::FecId(T::dropIndex)};
     fec.fecTypeIs(Strata::Fib::drop_);
     fec.nexthopGroupIdIs(0xFFFF);
     h.status()->fecIs(fec);

@@ -270,7 +270,7 @@ TEST(FibAdjacencyTest, TooManyViasLeaveNothingBehind) {
 
 TEST(FibAdjacencyTest, AdoptingTheSameFecTwiceCountsTwo) {
     Rig rig;
-    Strata::Fib::Fec fec(FecId(40));
+    Strata::Fib::Fec fec{FecId(40)};
     fec.viaIs(ViaIndex(0), via4(1));
     fec.viaIs(ViaIndex(1), via4(1)); // an equal via is adopted once
     fec.viaIs(ViaIndex(2), via4(2));
