@@ -54,13 +54,25 @@ struct FecCodec {
         U32 const end = f.viaEnd();
         return classFor(need(end, f.vias() != end));
     }
+    // What encode needs to know of a FEC, worked out once.
+    struct Shape {
+        U32 end;   // viaEnd()
+        U32 count; // vias()
+        U32 cls;
+    };
+    static Shape shapeOf(FecT const& f) noexcept {
+        U32 const end = f.viaEnd();
+        U32 const count = f.vias();
+        return Shape{end, count, classFor(need(end, count != end))};
+    }
 
     // Writes f into the words of a slot of class cls (words 1 .. slotSize(cls)/4 - 1, zero
     // past the vias) through store, which is StrataMap::storeWord for a slot in the table.
     template <class Store>
-    static void encode(FecT const& f, U32 cls, U32* w, Store store) noexcept {
-        U32 const end = f.viaEnd();
-        U32 const count = f.vias();
+    static void encode(FecT const& f, Shape const& shape, U32* w, Store store) noexcept {
+        U32 const end = shape.end;
+        U32 const count = shape.count;
+        U32 const cls = shape.cls;
         bool const sparse = count != end;
         store(w[1], U32(layout::live_) | U32(U8(f.fecType())) << 8 | end << 16 | U32(sparse) << 24);
         U64 const id = f.fecId().value();
@@ -216,11 +228,11 @@ void FecTable<FecT>::attach(std::string const& prefix, Access access, FecCapacit
 template <class FecT>
 void FecTable<FecT>::fecIs(FecT const& fec) {
     StrataMap& m = writable("write");
-    U32 const cls = FecCodec<FecT>::classOf(fec);
+    auto const shape = FecCodec<FecT>::shapeOf(fec);
     Fib::FecId const id = fec.fecId();
     // Encoded straight into the slot: no image to fill and copy.
-    U32* w = m.putBegin(cls, &id);
-    FecCodec<FecT>::encode(fec, cls, w, &StrataMap::storeWord);
+    U32* w = m.putBegin(shape.cls, &id);
+    FecCodec<FecT>::encode(fec, shape, w, &StrataMap::storeWord);
     m.putCommit();
 }
 

@@ -531,8 +531,14 @@ StrataMap::ReadResult StrataMap::readSlot(U32 ref, SlotCopy& out) const noexcept
 
 bool StrataMap::keyInSlotEquals(U32 ref, void const* key) const noexcept {
     // Writer only: nobody else writes slots, so plain reads see settled bytes.
-    return std::memcmp(reinterpret_cast<U8 const*>(slotWords(ref)) + keyOffset, key,
-                       shape_.keySize) == 0;
+    U8 const* stored = reinterpret_cast<U8 const*>(slotWords(ref)) + keyOffset;
+    if (shape_.keySize == 8) { // FecId and Prefix keys: one comparison, no library call
+        U64 a, b;
+        std::memcpy(&a, stored, 8);
+        std::memcpy(&b, key, 8);
+        return a == b;
+    }
+    return std::memcmp(stored, key, shape_.keySize) == 0;
 }
 
 void StrataMap::backoff(U32 attempt) const noexcept {
