@@ -4,6 +4,7 @@
 #include "Strata/Exception.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -44,8 +45,13 @@ struct FecCodec {
         return (sparse ? sparseHead : denseHead) + posEnd * viaBytes;
     }
     static U32 classFor(U32 bytes) noexcept {
+        static constexpr auto sizes = [] {
+            std::array<U32, classes> a{};
+            for (U32 c = 0; c < classes; ++c) a[c] = slotSize(c);
+            return a;
+        }();
         for (U32 c = 0; c < classes; ++c) {
-            if (slotSize(c) >= bytes) return c;
+            if (sizes[c] >= bytes) return c;
         }
         KAL_ASSERT(bytes <= slotSize(classes - 1));
         return classes - 1;
@@ -227,7 +233,11 @@ void FecTable<FecT>::attach(std::string const& prefix, Access access, FecCapacit
 
 template <class FecT>
 void FecTable<FecT>::fecIs(FecT const& fec) {
-    StrataMap& m = writable("write");
+    store(writable("write"), fec);
+}
+
+template <class FecT>
+void FecTable<FecT>::store(StrataMap& m, FecT const& fec) {
     auto const shape = FecCodec<FecT>::shapeOf(fec);
     Fib::FecId const id = fec.fecId();
     // Encoded straight into the slot: no image to fill and copy.
@@ -268,7 +278,7 @@ void FecTable<FecT>::fecCommit(FecT const* fec) {
     }
     KAL_ASSERT(fec == directWriteSlot_);
     FecT const* const slot = std::exchange(directWriteSlot_, nullptr);
-    fecIs(*slot);
+    store(*m, *slot);
 }
 
 template <class FecT>
