@@ -4,6 +4,7 @@
 #include "Strata/Exception.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -44,8 +45,13 @@ struct FecCodec {
         return (sparse ? sparseHead : denseHead) + posEnd * viaBytes;
     }
     static U32 classFor(U32 bytes) noexcept {
+        static constexpr auto sizes = [] {
+            std::array<U32, classes> a{};
+            for (U32 c = 0; c < classes; ++c) a[c] = slotSize(c);
+            return a;
+        }();
         for (U32 c = 0; c < classes; ++c) {
-            if (slotSize(c) >= bytes) return c;
+            if (sizes[c] >= bytes) return c;
         }
         KAL_ASSERT(bytes <= slotSize(classes - 1));
         return classes - 1;
@@ -54,13 +60,25 @@ struct FecCodec {
         U32 const end = f.viaEnd();
         return classFor(need(end, f.vias() != end));
     }
+    // What encode needs to know of a FEC, worked out once.
+    struct Shape {
+        U32 end;   // viaEnd()
+        U32 count; // vias()
+        U32 cls;
+    };
+    static Shape shapeOf(FecT const& f) noexcept {
+        U32 const end = f.viaEnd();
+        U32 const count = f.vias();
+        return Shape{end, count, classFor(need(end, count != end))};
+    }
 
     // Writes f into the words of a slot of class cls (words 1 .. slotSize(cls)/4 - 1, zero
     // past the vias) through store, which is StrataMap::storeWord for a slot in the table.
     template <class Store>
-    static void encode(FecT const& f, U32 cls, U32* w, Store store) noexcept {
-        U32 const end = f.viaEnd();
-        U32 const count = f.vias();
+    static void encode(FecT const& f, Shape const& shape, U32* w, Store store) noexcept {
+        U32 const end = shape.end;
+        U32 const count = shape.count;
+        U32 const cls = shape.cls;
         bool const sparse = count != end;
         store(w[1], U32(layout::live_) | U32(U8(f.fecType())) << 8 | end << 16 | U32(sparse) << 24);
         U64 const id = f.fecId().value();
@@ -215,12 +233,16 @@ void FecTable<FecT>::attach(std::string const& prefix, Access access, FecCapacit
 
 template <class FecT>
 void FecTable<FecT>::fecIs(FecT const& fec) {
-    StrataMap& m = writable("write");
-    U32 const cls = FecCodec<FecT>::classOf(fec);
+    store(writable("write"), fec);
+}
+
+template <class FecT>
+void FecTable<FecT>::store(StrataMap& m, FecT const& fec) {
+    auto const shape = FecCodec<FecT>::shapeOf(fec);
     Fib::FecId const id = fec.fecId();
     // Encoded straight into the slot: no image to fill and copy.
-    U32* w = m.putBegin(cls, &id);
-    FecCodec<FecT>::encode(fec, cls, w, &StrataMap::storeWord);
+    U32* w = m.putBegin(shape.cls, &id);
+    FecCodec<FecT>::encode(fec, shape, w, &StrataMap::storeWord);
     m.putCommit();
 }
 
@@ -256,7 +278,7 @@ void FecTable<FecT>::fecCommit(FecT const* fec) {
     }
     KAL_ASSERT(fec == directWriteSlot_);
     FecT const* const slot = std::exchange(directWriteSlot_, nullptr);
-    fecIs(*slot);
+    store(*m, *slot);
 }
 
 template <class FecT>

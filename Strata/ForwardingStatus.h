@@ -135,6 +135,8 @@ class FecTable : public StrataTable {
     FecTable(Kal::Name name);
 
   private:
+    void store(StrataMap& m, FecT const& fec);
+
     // The outstanding slot, or null.
     FecT* directWriteSlot_ = nullptr;
     // The map whose slot this table last handed out (it holds a FEC made by this process);

@@ -500,7 +500,7 @@ void StrataMap::corruptionDetected(std::string const& what) const {
 
 // ---- slots and keys ---------------------------------------------------------------------------
 
-U32 StrataMap::home(U32 hash) const noexcept {
+[[gnu::always_inline]] inline U32 StrataMap::home(U32 hash) const noexcept {
     return U32((U64(hash) * indexEntries_) >> 32);
 }
 
@@ -529,10 +529,16 @@ StrataMap::ReadResult StrataMap::readSlot(U32 ref, SlotCopy& out) const noexcept
     return ReadResult::stable;
 }
 
-bool StrataMap::keyInSlotEquals(U32 ref, void const* key) const noexcept {
+[[gnu::always_inline]] inline bool StrataMap::keyInSlotEquals(U32 ref, void const* key) const noexcept {
     // Writer only: nobody else writes slots, so plain reads see settled bytes.
-    return std::memcmp(reinterpret_cast<U8 const*>(slotWords(ref)) + keyOffset, key,
-                       shape_.keySize) == 0;
+    U8 const* stored = reinterpret_cast<U8 const*>(slotWords(ref)) + keyOffset;
+    if (shape_.keySize == 8) { // FecId and Prefix keys: one comparison, no library call
+        U64 a, b;
+        std::memcpy(&a, stored, 8);
+        std::memcpy(&b, key, 8);
+        return a == b;
+    }
+    return std::memcmp(stored, key, shape_.keySize) == 0;
 }
 
 void StrataMap::backoff(U32 attempt) const noexcept {
@@ -690,8 +696,8 @@ U64 StrataMap::creationId() const noexcept { return attached_ ? header().creatio
 
 // ---- writing ----------------------------------------------------------------------------------
 
-void StrataMap::checkWritable(char const* op) const {
-    if (!writer_) throw NoPermissionException(std::string(op) + " to read-only Strata table");
+void StrataMap::throwReadOnly(char const* op) const {
+    throw NoPermissionException(std::string(op) + " to read-only Strata table");
 }
 
 void* StrataMap::directWriteSlot() noexcept {
@@ -699,7 +705,7 @@ void* StrataMap::directWriteSlot() noexcept {
     return directWrite_;
 }
 
-bool StrataMap::findEntry(void const* key, U32 hash, U32& pos) const {
+[[gnu::always_inline]] inline bool StrataMap::findEntry(void const* key, U32 hash, U32& pos) const {
     pos = home(hash);
     for (U32 probes = 0; probes < indexEntries_; ++probes) {
         U32 const ref = load(index_[pos].ref);
@@ -710,7 +716,7 @@ bool StrataMap::findEntry(void const* key, U32 hash, U32& pos) const {
     corruptionDetected("index has no empty entry");
 }
 
-U32 StrataMap::allocateSlot(U32 cls) {
+[[gnu::always_inline]] inline U32 StrataMap::allocateSlot(U32 cls) {
     auto& freeList = freeSlots_[cls];
     if (!freeList.empty()) {
         U32 const slot = freeList.back();
@@ -723,7 +729,7 @@ U32 StrataMap::allocateSlot(U32 cls) {
     return slot;
 }
 
-void StrataMap::retireSlot(U32 ref) noexcept {
+[[gnu::always_inline]] inline void StrataMap::retireSlot(U32 ref) noexcept {
     U32* w = slotWords(ref);
     U32 const gen = load(w[0]);
     U32 const odd = gen | 1;
@@ -732,7 +738,7 @@ void StrataMap::retireSlot(U32 ref) noexcept {
     store(w[0], odd + 1, std::memory_order_release);
 }
 
-void StrataMap::publishCounts(U32 clsA, U32 clsB) noexcept {
+[[gnu::always_inline]] inline void StrataMap::publishCounts(U32 clsA, U32 clsB) noexcept {
     FileHeader& h = writableHeader();
     store(h.recordCount, count_, std::memory_order_release);
     if (clsA >= maxClasses) {

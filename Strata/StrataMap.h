@@ -123,7 +123,9 @@ class StrataMap final : public StrataBase {
     void* directWriteSlot() noexcept;
 
     // Raises NoPermissionException "<op> to read-only Strata table" on a reader.
-    void checkWritable(char const* op) const;
+    void checkWritable(char const* op) const {
+        if (!writer_) throwReadOnly(op);
+    }
     // Writes the corruption report and raises CorruptionDetectedException.
     [[noreturn]] void corruptionDetected(std::string const& what) const;
 
@@ -172,6 +174,7 @@ class StrataMap final : public StrataBase {
     // Stores the counts (all classes, or the one or two a change touched) and advances
     // changeSeq.
     void publishCounts(U32 clsA = layout::maxClasses, U32 clsB = layout::maxClasses) noexcept;
+    [[noreturn]] void throwReadOnly(char const* op) const;
     void backoff(U32 attempt) const noexcept;
     // True unless no process holds the table's writer lock.
     bool writerAlive() const noexcept;

@@ -5,8 +5,9 @@
 // MDB_WRITEMAP | MDB_NOSYNC, one put and one commit per FEC, the way a table of independently
 // published records would use it.
 //
-//   Commit/<vias>      write one FEC and publish it (Strata: direct-write slot + fecCommit;
-//                      LMDB: txn, put, commit), cycling over 10000 ids: replacements
+//   Commit/<vias>      write one FEC and publish it (Strata: direct-write slot filled with
+//                      vias made beforehand, + fecCommit; LMDB: txn, put of a payload made
+//                      beforehand, commit), cycling over 10000 ids: replacements
 //   Delete             remove one FEC (refilled outside the timing when all are gone)
 //   ReaderLookup       a reader in another process finds a random FEC of 4 vias and copies it
 //                      out (Strata: fec(id, out); LMDB: renewed read txn, get, copy, reset);
