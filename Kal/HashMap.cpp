@@ -63,6 +63,10 @@ void occupy(OccupancyWord* bits, U32 bucket) noexcept {
     bits[bucket / occupancyBits] |= OccupancyWord(1) << (bucket % occupancyBits);
 }
 
+void vacate(OccupancyWord* bits, U32 bucket) noexcept {
+    bits[bucket / occupancyBits] &= ~(OccupancyWord(1) << (bucket % occupancyBits));
+}
+
 std::string text(U32 n) { return std::to_string(n); }
 
 } // namespace
@@ -296,12 +300,6 @@ void HashMapRaw::resize(U32 newCount) noexcept {
     shift_ = newShift;
 }
 
-void HashMapRaw::occupiedIs(U32 bucket, bool occupied) noexcept {
-    OccupancyWord const bit = OccupancyWord(1) << (bucket % occupancyBits);
-    OccupancyWord& word = occupied_[bucket / occupancyBits];
-    word = occupied ? word | bit : word & ~bit;
-}
-
 void HashMapRaw::newMember(PtrInterface* t, U32 h) {
     void const* key = ops_->key(t);
     U32 const b = bucketOf(h);
@@ -320,7 +318,7 @@ void HashMapRaw::newMember(PtrInterface* t, U32 h) {
             ops_->setNext(t, head);
             head->referencesDec();
         } else {
-            occupiedIs(b, true);
+            occupy(occupied_, b);
         }
         buckets_[b] = t;
     }
@@ -338,7 +336,7 @@ bool HashMapRaw::deleteMember(PtrInterface* t) {
     PtrInterface* head = buckets_[b];
     if (head == t) {
         buckets_[b] = ops_->takeNext(t);
-        if (!buckets_[b]) occupiedIs(b, false);
+        if (!buckets_[b]) vacate(occupied_, b);
     } else {
         PtrInterface* pred = head;
         while (pred && ops_->next(pred) != t) pred = ops_->next(pred);
@@ -347,7 +345,7 @@ bool HashMapRaw::deleteMember(PtrInterface* t) {
     }
     --count_;
     ++version_;
-    pinIterators(t);
+    if (iterators_) pinIterators(t);
     t->referencesDec();
     maybeShrink();
     return true;
@@ -362,7 +360,7 @@ void HashMapRaw::releaseChains() noexcept {
         PtrInterface* m = buckets_[b];
         if (!m) continue;
         buckets_[b] = nullptr;
-        occupiedIs(b, false);
+        vacate(occupied_, b);
         while (m) {
             PtrInterface* next = ops_->takeNext(m);
             --count_;

@@ -363,7 +363,6 @@ class HashMapRaw {
     PtrInterface* seek(U32 h, void const* key, bool orEqual, S32& bucket) const;
     void releaseChains() noexcept;
     void swap(HashMapRaw& other) noexcept;
-    void occupiedIs(U32 bucket, bool occupied) noexcept;
     // Pins every iterator standing on m, or on any member when m is null.
     void pinIterators(PtrInterface const* m) const noexcept;
 
