@@ -83,6 +83,7 @@ HashMapRaw::HashMapRaw(HashMapOps const& ops, U32 initialSize)
         shift_ = 31 - log2OfPowerOfTwo(n);
     }
     minBuckets_ = n;
+    floorBuckets_ = n;
 }
 
 HashMapRaw::HashMapRaw(HashMapRaw const& other) : HashMapRaw(*other.ops_, other.minBuckets_) {
@@ -101,6 +102,7 @@ HashMapRaw::HashMapRaw(HashMapRaw const& other) : HashMapRaw(*other.ops_, other.
         bucketCount_ = other.bucketCount_;
         shift_ = other.shift_;
     }
+    floorBuckets_ = other.floorBuckets_;
     for (U32 b = 0; b < other.bucketCount_; ++b) {
         PtrInterface* tail = nullptr;
         for (PtrInterface* m = other.buckets_[b]; m; m = ops_->next(m)) {
@@ -155,6 +157,7 @@ HashMapRaw& HashMapRaw::operator=(HashMapRaw&& other) noexcept {
     other.deleteAll();
     other.resize(1);
     other.minBuckets_ = 1;
+    other.floorBuckets_ = 1;
     return *this;
 }
 
@@ -194,6 +197,7 @@ void HashMapRaw::swap(HashMapRaw& other) noexcept {
     std::swap(bucketCount_, other.bucketCount_);
     std::swap(shift_, other.shift_);
     std::swap(minBuckets_, other.minBuckets_);
+    std::swap(floorBuckets_, other.floorBuckets_);
 }
 
 U64 HashMapRaw::capacity(U32 bucketCount) const noexcept {
@@ -202,7 +206,7 @@ U64 HashMapRaw::capacity(U32 bucketCount) const noexcept {
 }
 
 U32 HashMapRaw::fit(U32 members) const noexcept {
-    U32 b = minBuckets_;
+    U32 b = floorBuckets_;
     while (capacity(b) < members && b < maxBucketCount) b <<= 1;
     return b;
 }
@@ -217,7 +221,16 @@ void HashMapRaw::maybeGrow() noexcept {
 }
 
 void HashMapRaw::maybeShrink() noexcept {
-    if (bucketCount_ > minBuckets_ && belowMinimumLoad()) resize(fit(2 * count_));
+    if (bucketCount_ > floorBuckets_ && belowMinimumLoad()) resize(fit(2 * count_));
+}
+
+void HashMapRaw::reserve(U32 members) noexcept {
+    U32 const b = fit(members);
+    if (b <= floorBuckets_) return;
+    if (b > bucketCount_) resize(b);
+    // Only a reservation that took hold becomes the floor: a failed allocation leaves the map
+    // as it was, rules included.
+    if (bucketCount_ >= b) floorBuckets_ = b;
 }
 
 // Splits or joins chains into the new bucket array; see "Why resizing never re-sorts". No
@@ -374,6 +387,7 @@ void HashMapRaw::releaseChains() noexcept {
 void HashMapRaw::deleteAll() noexcept {
     pinIterators(nullptr);
     releaseChains();
+    floorBuckets_ = minBuckets_;
     resize(minBuckets_);
 }
 
@@ -621,7 +635,7 @@ String8 HashMapRaw::verify() const {
         return String8("load above bounds: " + text(count_) + " members in " +
                        text(bucketCount_) + " buckets");
     }
-    if (bucketCount_ > minBuckets_ && belowMinimumLoad()) {
+    if (bucketCount_ > floorBuckets_ && belowMinimumLoad()) {
         return String8("load below bounds: " + text(count_) + " members in " +
                        text(bucketCount_) + " buckets");
     }

@@ -27,6 +27,8 @@
 //     shift_        31 - k; bucket of h is (h >> shift_) >> 1, the top k bits of h
 //                   (0 when k == 0, without shifting a U32 by 32)
 //     minBuckets_   the bucket count the map was made with; it never shrinks below it
+//     floorBuckets_ the bucket count it does not shrink below now: minBuckets_, or more after
+//                   reserve(), until deleteAll()
 //     iterators_    the map's live iterators (see "Iterators")
 //
 //   buckets_[0] -> A -> B -> null        Member: PtrInterface | kal_index_ | value | fwkHmNext_
@@ -300,6 +302,8 @@ class HashMapRaw {
     U32 buckets() const noexcept { return bucketCount_; }
     U32 bucketOf(U32 h) const noexcept { return (h >> shift_) >> 1; }
     PtrInterface* head(U32 bucket) const noexcept { return buckets_[bucket]; }
+    // The address of a bucket's head: for prefetching ahead of a lookup.
+    PtrInterface* const* headSlot(U32 bucket) const noexcept { return &buckets_[bucket]; }
 
     // Occupancy: bit b % occupancyBits of word b / occupancyBits is set when bucket b holds
     // a member; the bits past the last bucket are clear. A walk skips empty buckets a word
@@ -338,6 +342,11 @@ class HashMapRaw {
     // Releases every member, one at a time and without recursion, and returns to the
     // initial bucket count. Iterators standing on members are pinned first.
     void deleteAll() noexcept;
+    // Room for `members` members without growing: the bucket array grows now if it must, and
+    // the map keeps at least that many buckets (it does not shrink below them) until
+    // deleteAll. For a caller that knows a batch of insertions is coming. No member moves
+    // relative to another; a failed allocation leaves the map as it was.
+    void reserve(U32 members) noexcept;
 
     // The first member at or after (h, key); `bucket` receives its bucket (-1 if none).
     PtrInterface* startAt(U32 h, void const* key, S32& bucket) const;
@@ -377,6 +386,7 @@ class HashMapRaw {
     U32 bucketCount_ = 1;
     U32 shift_ = 31;
     U32 minBuckets_ = 1;
+    U32 floorBuckets_ = 1;
     // The live iterators of this map; never copied, moved or swapped with the members.
     mutable HashMapIteratorRaw* iterators_ = nullptr;
 };
@@ -491,6 +501,24 @@ class HashMap {
     bool deleteMember(Ptr<Member> const& t) { return raw_.deleteMember(t.ptr()); }
     bool deleteMember(Member* t) { return raw_.deleteMember(t); }
     void deleteAll() noexcept { raw_.deleteAll(); }
+    // Room for `members` members without growing, kept until deleteAll (HashMapRaw::reserve).
+    void reserve(U32 members) noexcept { raw_.reserve(members); }
+
+    // Batched lookups. A lookup costs a dependent cache miss for the bucket, one per member
+    // of the chain, and whatever the caller then touches; a batch hides them by touching
+    // ahead: prefetchBucket(key) a few lookups ahead, then prefetchHead(key) a few later
+    // (it reads the bucket and touches the chain's first member, which is the key's member
+    // seven times in ten or more). Both are hints: they change nothing and may be skipped.
+    void prefetchBucket(Key const& key) const noexcept {
+        __builtin_prefetch(raw_.headSlot(raw_.bucketOf(hashOf(key))));
+    }
+    // The first member of the key's chain (null for an empty bucket), touched; it need not
+    // have the key.
+    Member const* prefetchHead(Key const& key) const noexcept {
+        Member const* m = down(raw_.head(raw_.bucketOf(hashOf(key))));
+        if (m) __builtin_prefetch(m);
+        return m;
+    }
 
     // The member with the key if present, else the first member after the key's position
     // in the map's order; null after the last.
@@ -512,7 +540,24 @@ class HashMap {
     }
 
     // Same size, and every member of one has a member with equal key and value in the other.
-    bool operator==(HashMap const& other) const { return raw_.equals(other.raw_); }
+    // Maps of the same members list them in the same global order, whatever their bucket
+    // counts, so walking both side by side settles it without a lookup (inlined: value types
+    // compare their collections this way). Only members with equal keys (tolerated, never
+    // made by the model code) can stand in another order in two equal maps, so a difference
+    // found this way is checked again by lookup.
+    bool operator==(HashMap const& other) const {
+        if (members() != other.members()) return false;
+        S32 bucketA = 0, bucketB = 0;
+        Member const* a = down(raw_.firstFrom(0, bucketA));
+        Member const* b = down(other.raw_.firstFrom(0, bucketB));
+        while (a && b && a->fwkKey() == b->fwkKey() && a->fwkValueEquals(*b)) {
+            a = a->fwkHmNext();
+            if (!a) a = down(raw_.firstFrom(U32(bucketA) + 1, bucketA));
+            b = b->fwkHmNext();
+            if (!b) b = down(other.raw_.firstFrom(U32(bucketB) + 1, bucketB));
+        }
+        return !a || raw_.equals(other.raw_);
+    }
 
     String8 verify() const { return raw_.verify(); }
 

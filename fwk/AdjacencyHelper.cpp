@@ -22,6 +22,7 @@
 #include "Kal/Tracing.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <ios>
 
 KAL_TRACE_HANDLE("RidgeAdjacencyHelper", "AdjacencyHelper");
@@ -120,7 +121,9 @@ template <class T> U64 getOrCreateFib(typename T::Helper &h, typename T::ViaSetT
     KAL_ASSERT_AS(h.status(), "status()");
     KAL_ASSERT_AS(h.ridgeStatus(), "ridgeStatus()");
     auto &tables = *h.ridgeStatus();
-    if (Adjacency::Ptr adj = tables.viaSetToAdjacency(viaSet)) {
+    // Looked up without counting: the table holds the adjacency throughout.
+    if (auto const *mem = tables.kalViaSetToAdjacency()[viaSet]) {
+        Adjacency *const adj = mem->fwkValue().ptr();
         KAL_ASSERT_AS(adj->index(), "adj->index()");
         KAL_ASSERT_AS(adj->refCount(), "adj->refCount()");
         adj->refCountInc(1);
@@ -166,9 +169,10 @@ template <class T> U64 getOrCreateFib(typename T::Helper &h, typename T::ViaSetT
 template <class T> void contructAdj(typename T::Helper &h, Strata::Fib::FecId const &fecId) {
     KAL_TRACE_IN("doContructAdj", 0, T::contructAdj);
     auto &tables = *h.ridgeStatus();
-    if (Adjacency::Ptr adj = tables.adjacency(fecId.value())) {
+    // Looked up without counting: the table holds the adjacency throughout.
+    if (auto const *mem = tables.kalAdjacency()[fecId.value()]) {
         // Each further route on the same FEC is one more reference.
-        adj->refCountInc(1);
+        mem->fwkValue()->refCountInc(1);
         return;
     }
     Adjacency::Ptr adj = new Adjacency;
@@ -212,7 +216,8 @@ U64 getOrCreateHost(typename T::Helper &h, typename T::ViaSetT const &viaSet,
     KAL_TRACE_IN("doGetOrCreateHostAdjacency", 2,
                  T::getOrCreateHost << " adjType: " << unsigned(viaSet.type()));
     KAL_ASSERT_AS(hostStatus, "hostStatus");
-    if (Adjacency::Ptr adj = hostStatus->viaSetToAdjacency(viaSet)) {
+    if (auto const *mem = hostStatus->kalViaSetToAdjacency()[viaSet]) {
+        Adjacency *const adj = mem->fwkValue().ptr();
         KAL_ASSERT_AS(adj->index(), "adj->index()");
         KAL_ASSERT_AS(adj->refCount(), "adj->refCount()");
         adj->refCountInc(1);
@@ -245,15 +250,62 @@ void dropRefOnHost(Kal::Ptr<typename T::HostStatus> const &hostStatus, U64 index
         unfileAdjacency(*hostStatus, index);
 }
 
+// Adopts the FECs of a batch of adoptable routes, in order. Each adoption is a lookup at a
+// random place in the adjacency table (three dependent cache misses: bucket, member,
+// adjacency) and, for a new adjacency, an insertion at a random place in each table; the
+// batch touches those places a few routes ahead so that the misses overlap.
+template <class T> void adoptBatch(typename T::Helper &h, U64 const *ids, std::size_t n) {
+    auto const &tables = *h.ridgeStatus();
+    auto const &adjacencies = tables.kalAdjacency();
+    auto const &viaSets = tables.kalAdjIndexToViaSet();
+    constexpr std::size_t ahead = 16; // routes between two stages of touching ahead
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i + 3 * ahead < n)
+            adjacencies.prefetchBucket(ids[i + 3 * ahead]);
+        if (i + 2 * ahead < n) {
+            U64 const id = ids[i + 2 * ahead];
+            auto const *head = adjacencies.prefetchHead(id);
+            // Most likely an adjacency still to make: its index goes into a second table.
+            if (!head || head->fwkKey() != id)
+                viaSets.prefetchBucket(id);
+        }
+        if (i + ahead < n) {
+            U64 const id = ids[i + ahead];
+            auto const *head = adjacencies.prefetchHead(id);
+            if (head && head->fwkKey() == id)
+                __builtin_prefetch(head->fwkValue().ptr());
+            else
+                viaSets.prefetchHead(id);
+        }
+        h.doContructAdj(Strata::Fib::FecId(ids[i]));
+    }
+}
+
+// The route table is walked in batches of adoptable routes, each adopted before the walk
+// goes on (adoptBatch). The tables are given room for every FEC first, so that they do not
+// grow while they fill, a pass over all their members each time.
 template <class T> void syncRoutes(typename T::Helper &h) {
     KAL_TRACE_IN("doSyncRoutes", 0, T::syncRoutes);
     h.doCreateDropAdjacency();
     U32 highest = 2;
-    for (auto it = h.routeStatus()->routeIteratorConst(); it; ++it) {
-        if (!T::adoptable(it.routeType()))
-            continue;
-        h.doContructAdj(it.fecId());
-        highest = std::max(highest, U32(it.fecId().value()));
+    auto const &routes = *h.routeStatus();
+    auto &tables = *h.ridgeStatus();
+    // At most one adjacency per FEC, and the drop adjacency.
+    U32 const room = std::min(routes.routes(), h.status()->fecs()) + 1;
+    tables.viaSetToAdjacencyReserve(room);
+    tables.adjIndexToViaSetReserve(room);
+    tables.adjacencyReserve(room);
+    constexpr std::size_t batch = 1024;
+    U64 ids[batch];
+    for (auto it = routes.routeIteratorConst(); it;) {
+        std::size_t n = 0;
+        for (; it && n < batch; ++it) {
+            if (!T::adoptable(it.routeType()))
+                continue;
+            ids[n++] = it.fecId().value();
+            highest = std::max(highest, U32(it.fecId().value()));
+        }
+        adoptBatch<T>(h, ids, n);
     }
     auto &allocator = *h.adjIndexAllocator();
     if (allocator.adjIndex() < highest) {

@@ -68,8 +68,14 @@ bool viaSetLess(Map const& a, U8 aType, U32 aNhid, Map const& b, U8 bType, U32 b
 
 } // namespace
 
-U32 ViaSet::hash() const { return viaSetHash(via_, type_, nhid_); }
-U32 Via6Set::hash() const { return viaSetHash(via_, type_, nhid_); }
+// Kept once computed (the sets are declared hashcache): a set is hashed on every lookup and
+// insertion, and on every step of a table's chain walk past it.
+U32 ViaSet::hash() const {
+    return kalHash_.get([this] { return viaSetHash(via_, type_, nhid_); });
+}
+U32 Via6Set::hash() const {
+    return kalHash_.get([this] { return viaSetHash(via_, type_, nhid_); });
+}
 
 bool ViaSet::operator<(ViaSet const& o) const {
     return viaSetLess(via_, type_, nhid_, o.via_, o.type_, o.nhid_);

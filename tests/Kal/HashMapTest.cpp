@@ -232,6 +232,36 @@ TEST_F(HashMapTest, OrderIsTheSameBeforeAndAfterGrowthAndShrink) {
     EXPECT_EQ(keysOf(wide), expected);
 }
 
+TEST_F(HashMapTest, AReservationHoldsUntilDeleteAllAndKeepsTheOrder) {
+    std::mt19937_64 rng(4);
+    auto const keys = randomKeys(rng, 3000);
+    Map map;
+    for (U64 k : std::vector<U64>(keys.begin(), keys.begin() + 100)) insert(map, k);
+    map.reserve(3000);
+    U32 const reserved = map.buckets();
+    EXPECT_GE(reserved * 3 / 4, 3000u);
+    EXPECT_EQ(map.verify(), "");
+    // Filling the room does not grow the map; emptying it again does not shrink it.
+    for (U64 k : std::vector<U64>(keys.begin() + 100, keys.end())) insert(map, k);
+    EXPECT_EQ(map.buckets(), reserved);
+    EXPECT_EQ(keysOf(map), inMapOrder(keys));
+    for (size_t i = 10; i < keys.size(); ++i) map.deleteMember(map[keys[i]]);
+    EXPECT_EQ(map.buckets(), reserved);
+    EXPECT_EQ(map.verify(), "");
+    // A copy keeps the room; a smaller reservation changes nothing; deleteAll ends it.
+    Map copy(map);
+    EXPECT_EQ(copy.buckets(), reserved);
+    EXPECT_EQ(copy.verify(), "");
+    map.reserve(5);
+    EXPECT_EQ(map.buckets(), reserved);
+    map.deleteAll();
+    EXPECT_EQ(map.buckets(), 1u);
+    insert(map, keys[0]);
+    insert(map, keys[1]);
+    map.deleteMember(map[keys[0]]);
+    EXPECT_EQ(map.verify(), "");
+}
+
 TEST_F(HashMapTest, CollidingU64KeysAreBothFoundAndOrderedHighWordFirst) {
     // All four keys have high XOR low == 1.
     std::vector<U64> const keys = {0x3'00000002ull, 0x1ull, 0x2'00000003ull, 0x1'00000000ull};
@@ -989,6 +1019,16 @@ TEST_F(HashMapTest, EqualityIgnoresInsertionOrderButNotValues) {
     Map empty1, empty2(64);
     EXPECT_TRUE(empty1 == empty2);
     EXPECT_FALSE(empty1 == a);
+
+    // Equal keys (tolerated) with their values inserted in another order are still equal.
+    Map c, d;
+    for (U64 v : {1, 2}) insert(c, 5, v);
+    for (U64 v : {2, 1}) insert(d, 5, v);
+    insert(c, 6, 0);
+    insert(d, 6, 0);
+    EXPECT_TRUE(c == d);
+    d[6]->valueIs(1);
+    EXPECT_FALSE(c == d);
 }
 
 TEST_F(HashMapTest, KeysOfOtherTypesUseTheirOwnHashAndOrder) {

@@ -3,8 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
+
+namespace KalTest {
+extern int bagHashComputations;
+}
 
 namespace {
 
@@ -204,6 +209,52 @@ TEST_F(GeneratedTypes, ValueTypeCollectionsAndEquality) {
     EXPECT_TRUE(Point(1, 2) < Point(1, 3));
     EXPECT_TRUE(Point(1, 9) < Point(2, 0));
     EXPECT_TRUE(Point(2, 0) >= Point(1, 9));
+}
+
+TEST_F(GeneratedTypes, ACachedHashIsComputedOnceAndForgottenByEveryChange) {
+    Bag a;
+    a.itemsIs(1, 10);
+    int const before = KalTest::bagHashComputations;
+    U32 const first = a.hash();
+    EXPECT_EQ(a.hash(), first);
+    EXPECT_EQ(KalTest::bagHashComputations, before + 1) << "the second hash comes from the cache";
+    // After each change the hash is that of the same value built afresh.
+    auto const afresh = [](Bag const& b) {
+        Bag c;
+        for (auto it = b.itemsIteratorConst(); it; ++it) c.itemsIs(it.key(), it.value());
+        c.labelIs(b.label());
+        c.flagIs(b.flag());
+        c.spotIs(b.spot());
+        return c.hash();
+    };
+    std::vector<std::pair<char const*, std::function<void(Bag&)>>> const changes = {
+        {"itemsIs, new key", [](Bag& b) { b.itemsIs(3, 30); }},
+        {"newItems", [](Bag& b) { b.newItems(4, 40); }},
+        {"itemsDel", [](Bag& b) { b.itemsDel(3); }},
+        {"labelIs", [](Bag& b) { b.labelIs("x"); }},
+        {"flagIs", [](Bag& b) { b.flagIs(true); }},
+        {"spotIs", [](Bag& b) { b.spotIs(Point(1, 2)); }},
+        {"itemsDelAll", [](Bag& b) { b.itemsDelAll(); }},
+    };
+    for (auto const& [what, change] : changes) {
+        a.hash();
+        change(a);
+        EXPECT_EQ(a.hash(), afresh(a)) << what;
+    }
+    // A copy keeps the hash; a moved-from value hashes what it still holds.
+    a.itemsIs(5, 50);
+    U32 const h = a.hash();
+    Bag copy = a;
+    int const computed = KalTest::bagHashComputations;
+    EXPECT_EQ(copy.hash(), h);
+    Bag moved = std::move(a);
+    EXPECT_EQ(moved.hash(), h);
+    EXPECT_EQ(KalTest::bagHashComputations, computed);
+    // NOLINTNEXTLINE(bugprone-use-after-move): a moved-from value is valid, its items gone
+    EXPECT_EQ(a.hash(), afresh(a));
+    // Equality: known different hashes reject; equal values stay equal with their hashes known.
+    EXPECT_NE(copy, Bag());
+    EXPECT_EQ(copy, moved);
 }
 
 TEST_F(GeneratedTypes, RangeConstraintsNameTheViolatedCondition) {

@@ -17,7 +17,7 @@ import os
 import re
 import sys
 
-GENERATOR_VERSION = 1  # must match KAL_MODEL_RUNTIME_VERSION in Kal/Model.h
+GENERATOR_VERSION = 2  # must match KAL_MODEL_RUNTIME_VERSION in Kal/Model.h
 
 BUILTINS = {
     "U8": "U8", "U16": "U16", "U32": "U32", "U64": "U64", "S32": "S32", "S64": "S64",
@@ -147,12 +147,14 @@ def parse(path, text):
                 seen_types[current.qual] = lineno
                 for opt in m.group(3).split():
                     k, _, v = opt.partition("=")
-                    if k not in ("factory", "quiet", "reactor", "order", "key"):
+                    if k not in ("factory", "quiet", "reactor", "order", "key", "hashcache"):
                         fail(lineno, f"unknown type option '{opt}'")
                     current.options[k] = v or True
                 if current.kind == "value" and ("factory" in current.options
                                                 or "reactor" in current.options):
                     fail(lineno, "a value type has no factory and is no reactor")
+                if "hashcache" in current.options and current.kind != "value":
+                    fail(lineno, "hashcache: only a value type caches its hash")
                 types.append(current)
                 continue
             fail(lineno, f"cannot read '{words}'")
@@ -592,6 +594,9 @@ def emit_class(out, t):
     out(f"    friend class _Type;")
     for a in t.attrs:
         emit_field(out, t, a)
+    if hash_cached(t):
+        out("    // hash() as last computed; every generated change forgets it.")
+        out("    Kal::HashCache kalHash_;")
     if t.reactor:
         out("    bool kalZombie_ = false;")
     if not t.quiet:
@@ -610,6 +615,15 @@ def emit_class(out, t):
         emit_reactor_class(out, t, a)
     emit_type_class(out, t)
     emit_generic_if(out, t)
+
+
+def hash_cached(t):
+    return "hashcache" in t.options
+
+
+def forget_hash(t):
+    """The statement a change of a hash-caching value begins with (empty otherwise)."""
+    return "kalHash_.forget(); " if hash_cached(t) else ""
 
 
 def constraint_type(t, c):
@@ -676,6 +690,8 @@ def emit_accessors(out, t, a):
         out(f"    void {n}DelAll();")
         if not t.quiet:
             out(f"    void {n}Notify({key} key) const;")
+        out(f"    // Room for `members` members, kept until {n}DelAll; changes nothing else.")
+        out(f"    void {n}Reserve(U32 members) noexcept {{ {n}_.reserve(members); }}")
         out(f"    {cap}Iterator {n}Iterator() {{ return {cap}Iterator({n}_.iterator()); }}")
         out(f"    {cap}IteratorConst {n}IteratorConst() const {{ return "
             f"{cap}IteratorConst({n}_.iterator()); }}")
@@ -1100,6 +1116,9 @@ def emit_type_impl(out, t):
             if a.kind in ("attr", "coll") and not a.const_expr:
                 conds.append(f"{a.name}_ == o.{a.name}_")
         out(f"bool {T}::operator==({T} const& o) const {{")
+        if hash_cached(t):
+            out("    // Equal values hash alike: two known hashes that differ decide at once.")
+            out("    if (kalHash_.knownAndDiffers(o.kalHash_)) return false;")
         out("    return " + (" && ".join(conds) if conds else "true") + ";")
         out("}")
         out()
@@ -1178,7 +1197,7 @@ def emit_accessor_impl(out, t, a):
             if call:
                 out(f"    if (Kal::kalAttrIs({n}_, v)) {call}")
             else:
-                out(f"    {n}_ = v;")
+                out(f"    {forget_hash(t)}{n}_ = v;")
             out("}")
             out()
         for op, sign in (("Inc", "+"), ("Dec", "-")):
@@ -1188,7 +1207,7 @@ def emit_accessor_impl(out, t, a):
                 continue
             # Counting stores directly and tells nobody (wrapping in the counter's width);
             # only aIs notifies.
-            out(f"void {T}::{n}{op}({ty} n) {{ {n}_ = {ty}({n}_ {sign} n); }}")
+            out(f"void {T}::{n}{op}({ty} n) {{ {forget_hash(t)}{n}_ = {ty}({n}_ {sign} n); }}")
             out()
     if a.kind in ("attr", "ptr") and not a.const_expr and "param" not in a.flags:
         call = notify_call(t, a)
@@ -1264,6 +1283,8 @@ def emit_accessor_impl(out, t, a):
         elif t.kind == "value":
             out(f"{T}::{m}* {T}::{n}Is({key} k, {vt} const& value) {{")
             out(f"    if (auto* mem = {n}_[k]) {{")
+            if hash_cached(t):
+                out("        kalHash_.forget();")
             out("        mem->fwkValueIs(value);")
             out("        return mem;")
             out("    }")
@@ -1271,10 +1292,12 @@ def emit_accessor_impl(out, t, a):
             out("}")
             out()
             out(f"{T}::{m}* {T}::new{cap}({key} k, {vt} const& value) {{")
+            if hash_cached(t):
+                out("    kalHash_.forget();")
             out(f"    return Kal::kalCollNew<{m}>({n}_, k, value);")
             out("}")
             out()
-            out(f"void {T}::{n}Del({key} k) {{ Kal::kalCollDel({n}_, k); }}")
+            out(f"void {T}::{n}Del({key} k) {{ {forget_hash(t)}Kal::kalCollDel({n}_, k); }}")
             out()
         else:
             out(f"void {T}::{n}Is({key} k, {vt} const& value) {{")
@@ -1345,7 +1368,7 @@ def emit_del_all_and_notify(out, t, a, key):
         out(f"    {n}_.deleteAll();")
         out(f"    Kal::kalNotifyCb(kalNotifieeList_, {a.id}, &NotifieeConst::on{cap});")
     else:
-        out(f"    {n}_.deleteAll();")
+        out(f"    {forget_hash(t)}{n}_.deleteAll();")
     out("}")
     out()
     if ncall:
