@@ -10,6 +10,7 @@
 
 #include <csignal>
 #include <map>
+#include <numeric>
 #include <random>
 #include <set>
 #include <string>
@@ -463,7 +464,8 @@ TEST(RestartTest, AdoptedFecsKeepTheirIndicesAfterTheWriterIsKilled) {
                                                  Routing::Fib::RouteType::attached_,
                                                  Routing::Fib::RouteType::ebgp_,
                                                  Routing::Fib::RouteType::receive_};
-        for (U32 r = 0; r < 600; ++r) {
+        // Enough routes for the sync to adopt them in several batches.
+        for (U32 r = 0; r < 3000; ++r) {
             U64 const index = helper->doGetOrCreateFibAdjacency(set4({U32(1 + rng() % 60)}));
             routes->routeIs(Strata::Fib::Route(
                 Velnet::Prefix(Velnet::IpAddr(0x0B000000u + (r << 8)), 24), FecId(index),
@@ -495,6 +497,9 @@ TEST(RestartTest, AdoptedFecsKeepTheirIndicesAfterTheWriterIsKilled) {
         }
     }
     ASSERT_GT(adoptable.size(), 10u);
+    ASSERT_GT(std::accumulate(adoptable.begin(), adoptable.end(), 0u,
+                              [](U32 sum, auto const& e) { return sum + e.second; }),
+              2048u);
     auto helper = Ridge::adjacencyHelperFactory("b");
     auto tables = Ridge::statusFactory("b");
     helper->routeStatusIs(routes);
