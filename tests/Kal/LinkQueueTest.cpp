@@ -105,17 +105,13 @@ TYPED_TEST(QueueTest, IteratorKeepsItsItemAliveUntilItMoves) {
     items.clear(); // the deleted items die now, except the one the iterator holds
     EXPECT_EQ(Item::live, 4);
     EXPECT_TRUE(i.hasBookmark());
-    ++i;
-    EXPECT_EQ(i.position(), 4u);
+    EXPECT_EQ((++i).position(), 4u);
     EXPECT_EQ(Item::live, 3);
     q.deleteAll();
     EXPECT_EQ(Item::live, 1);
-    ++i;
-    EXPECT_FALSE(i);
+    EXPECT_FALSE(++i);
     EXPECT_EQ(Item::live, 0);
 }
-
-// ---- Against a model ------------------------------------------------------------------
 
 template <class Q>
 void runAgainstModel(U64 seed, int ops) {
@@ -208,8 +204,6 @@ TYPED_TEST(QueueTest, RandomOperationsMatchAModel) {
     }
 }
 
-// ---- The two kinds apart --------------------------------------------------------------
-
 class LinkQueueTest : public QueueTest<void> {};
 
 TEST_F(LinkQueueTest, AnItemIsFiledInOneQueueAtATime) {
@@ -225,6 +219,19 @@ TEST_F(LinkQueueTest, AnItemIsFiledInOneQueueAtATime) {
     b.insert(item, 5);
     EXPECT_TRUE(b.holds(item.ptr()));
     EXPECT_EQ(item->fwkLqPosition(), 5u);
+
+    // Without the link base only a LinkedQueue can file an object, as often as asked.
+    Kal::LinkedQueue<Kal::PtrInterface const> c;
+    Kal::Ptr<Kal::PtrInterface> t = new Kal::PtrInterface;
+    c.insert(t, 1);
+    c.insert(t, 4);
+    c.append(t);
+    EXPECT_EQ(t->references(), 4u);
+    EXPECT_TRUE(c.deleteItem(t.ptr())); // the first filing
+    EXPECT_EQ(c.find(1), nullptr);
+    EXPECT_EQ(c.find(4), t.ptr());
+    EXPECT_EQ(t->references(), 3u);
+    EXPECT_EQ(c.verify(), "");
 }
 
 TEST_F(LinkQueueTest, WidePositionsKeepUnsignedOrder) {
@@ -248,38 +255,17 @@ TEST_F(LinkQueueTest, VerifyNamesTheBrokenRule) {
     Kal::LinkQueue<Item> q;
     auto items = fileAt(q, {1, 2, 3});
     ASSERT_EQ(q.verify(), "");
-
     Probe::positionIs(*items[1], 9);
     EXPECT_EQ(q.verify(), "positions descend at index 2");
     Probe::positionIs(*items[1], 2);
-
     Probe::prevIs(*items[2], items[0].ptr());
     EXPECT_EQ(q.verify(), "previous link broken at index 2");
     Probe::prevIs(*items[2], items[1].ptr());
-
     auto const* owner = Probe::queueOf(*items[0]);
     Probe::queueIs(*items[0], nullptr);
     EXPECT_EQ(q.verify(), "link not filed in this queue at index 0");
     Probe::queueIs(*items[0], owner);
     ASSERT_EQ(q.verify(), "");
-}
-
-// A counted object without the link base: only a LinkedQueue can file it, as often as asked.
-struct Thing : Kal::PtrInterface {};
-
-TEST_F(LinkQueueTest, LinkedQueueFilesAnyObjectSeveralTimes) {
-    Kal::LinkedQueue<Thing const> a, b;
-    Kal::Ptr<Thing> t = new Thing;
-    a.insert(t, 1);
-    a.insert(t, 4);
-    b.append(t);
-    EXPECT_EQ(t->references(), 4u);
-    EXPECT_EQ(a.find(1), t.ptr());
-    EXPECT_TRUE(a.deleteItem(t.ptr())); // the first filing
-    EXPECT_EQ(a.find(1), nullptr);
-    EXPECT_EQ(a.find(4), t.ptr());
-    EXPECT_EQ(t->references(), 3u);
-    EXPECT_EQ(a.verify(), "");
 }
 
 } // namespace

@@ -103,9 +103,7 @@ class NotifieeTest : public ::testing::Test {
                 }
             });
     }
-    void TearDown() override {
-        Kal::notificationExceptionHookIs(previous_);
-    }
+    void TearDown() override { Kal::notificationExceptionHookIs(previous_); }
     Kal::NotificationExceptionHook previous_;
     std::vector<std::string> hooked_;
     Log log_;
@@ -125,12 +123,20 @@ TEST_F(NotifieeTest, ActivationRegistersOnceAndDeactivationLeaves) {
     EXPECT_EQ(w->kalCountWord() & Kal::PtrInterface::notificationActiveBit,
               Kal::PtrInterface::notificationActiveBit);
     gauge_->levelIs(2);
+    gauge_->levelIs(2); // the compare-first setter does not notify
     EXPECT_EQ(log_.calls, std::vector<std::string>{"a"}) << "registered twice?";
 
     w->hasNotificationActiveIs(false);
     EXPECT_FALSE(w->isRegisteredNotifiee());
     gauge_->levelIs(3);
     EXPECT_EQ(log_.calls.size(), 1u);
+    // A destroyed notifiee leaves the list.
+    w->hasNotificationActiveIs(true);
+    auto b = watch(gauge_, "b", &log_);
+    w = nullptr;
+    gauge_->levelIs(4);
+    EXPECT_EQ(log_.calls, (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(Watcher::live, 1);
 }
 
 TEST_F(NotifieeTest, RegisterWhenActiveBitGatesRegistrationAndIsRestoredWhenSwitchedOff) {
@@ -180,26 +186,20 @@ TEST_F(NotifieeTest, DeliveryFollowsListOrderAndSkipsNotifieesDroppedDuringTheWa
     EXPECT_EQ(log_.calls, (std::vector<std::string>{"a", "c"}));
 }
 
-TEST_F(NotifieeTest, NotifieesAddedDuringTheWalkWaitForTheNextChange) {
+// The walk is over a snapshot: notifiees added during it wait for the next change, and one
+// unregistered but still owned is called for the change in progress.
+TEST_F(NotifieeTest, NotifieesAddedOrUnregisteredDuringTheWalk) {
     auto a = watch(gauge_, "a", &log_);
+    auto b = watch(gauge_, "b", &log_);
     Kal::Ptr<Watcher> late;
     a->action = [&] {
+        b->hasNotificationActiveIs(false);
         if (!late) late = watch(gauge_, "late", &log_);
     };
     gauge_->levelIs(1);
-    EXPECT_EQ(log_.calls, std::vector<std::string>{"a"});
-    gauge_->levelIs(2);
-    EXPECT_EQ(log_.calls, (std::vector<std::string>{"a", "a", "late"}));
-}
-
-TEST_F(NotifieeTest, UnregisteredButStillOwnedNotifieeIsCalledForTheChangeInProgress) {
-    auto a = watch(gauge_, "a", &log_);
-    auto b = watch(gauge_, "b", &log_);
-    a->action = [&] { b->hasNotificationActiveIs(false); };
-    gauge_->levelIs(1);
     EXPECT_EQ(log_.calls, (std::vector<std::string>{"a", "b"}));
     gauge_->levelIs(2);
-    EXPECT_EQ(log_.calls, (std::vector<std::string>{"a", "b", "a"}));
+    EXPECT_EQ(log_.calls, (std::vector<std::string>{"a", "b", "a", "late"}));
 }
 
 TEST_F(NotifieeTest, ThrowingNotifieeIsReportedAndTheOthersAreStillCalled) {
@@ -213,21 +213,6 @@ TEST_F(NotifieeTest, ThrowingNotifieeIsReportedAndTheOthersAreStillCalled) {
     EXPECT_EQ(b->failedAttr, 7u);
     EXPECT_EQ(a->exceptions + c->exceptions, 0);
     EXPECT_EQ(hooked_, std::vector<std::string>{"b broke"});
-}
-
-TEST_F(NotifieeTest, CompareFirstSetterDoesNotNotify) {
-    auto a = watch(gauge_, "a", &log_);
-    gauge_->levelIs(0);
-    EXPECT_TRUE(log_.calls.empty());
-}
-
-TEST_F(NotifieeTest, DestroyedNotifieeLeavesTheList) {
-    auto a = watch(gauge_, "a", &log_);
-    auto b = watch(gauge_, "b", &log_);
-    a = nullptr;
-    gauge_->levelIs(1);
-    EXPECT_EQ(log_.calls, std::vector<std::string>{"b"});
-    EXPECT_EQ(Watcher::live, 1);
 }
 
 TEST_F(NotifieeTest, WeakNotifieeDoesNotKeepItsNotifierAndHearsItsEnd) {
@@ -263,7 +248,7 @@ TEST_F(NotifieeTest, NotifieeTakingUpItsDyingNotifierKeepsItAlive) {
     EXPECT_FALSE(rescued->zeroReferences());
 }
 
-TEST(BitSetTest, BitsAndTheirValues) {
+TEST(BitSetDeathTest, BitsTheirValuesAndPositionsOutsideTheSet) {
     Kal::BitSet<27, unsigned> b;
     b.bitIs(0, true);
     b.bitIs(19, true);
@@ -274,10 +259,6 @@ TEST(BitSetTest, BitsAndTheirValues) {
     EXPECT_TRUE(b.bit(26));
     b.valueIs(0xFFFFFFFFu);
     EXPECT_EQ(b.value(), (1u << 27) - 1) << "bits beyond 27 must not be stored";
-}
-
-TEST(BitSetDeathTest, PositionOutsideTheSetEndsTheProcess) {
-    Kal::BitSet<27, unsigned> b;
     EXPECT_DEATH(b.bitIs(27, true), "pos>=0 && pos<bits");
     EXPECT_DEATH((void)b.bit(-1), "pos>=0 && pos<bits");
 }
