@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -56,26 +57,40 @@ struct FecCodec {
         KAL_ASSERT(bytes <= slotSize(classes - 1));
         return classes - 1;
     }
-    static U32 classOf(FecT const& f) noexcept {
-        U32 const end = f.viaEnd();
-        return classFor(need(end, f.vias() != end));
-    }
     // What encode needs to know of a FEC, worked out once.
     struct Shape {
         U32 end;   // viaEnd()
         U32 count; // vias()
         U32 cls;
     };
-    static Shape shapeOf(FecT const& f) noexcept {
+    [[gnu::always_inline]] static Shape shapeOf(FecT const& f) noexcept {
         U32 const end = f.viaEnd();
-        U32 const count = f.vias();
-        return Shape{end, count, classFor(need(end, count != end))};
+        // Writers fill positions densely: checking that the bitmap is exactly the positions
+        // below end costs less than counting its bits, and the class follows from end alone.
+        if (dense(f, end)) return Shape{end, end, denseClass(end)};
+        return Shape{end, f.vias(), classFor(need(end, true))};
+    }
+    static U32 classOf(FecT const& f) noexcept { return shapeOf(f).cls; }
+    [[gnu::always_inline]] static bool dense(FecT const& f, U32 end) noexcept {
+        U32 diff = 0;
+        for (U32 k = 0; k < 4; ++k) {
+            U32 const lo = 32 * k;
+            U32 const full = end >= lo + 32 ? ~U32(0) : end <= lo ? 0 : (U32(1) << (end - lo)) - 1;
+            diff |= f.viaMaskWord(k) ^ full;
+        }
+        return diff == 0;
+    }
+    // The class of a dense FEC: the smallest whose 2^c positions hold end (a slot's padding
+    // to 8 bytes is less than a via, so it never makes room for one more).
+    static constexpr U32 denseClass(U32 end) noexcept {
+        return end <= 1 ? 0 : U32(std::bit_width(end - 1));
     }
 
     // Writes f into the words of a slot of class cls (words 1 .. slotSize(cls)/4 - 1, zero
     // past the vias) through store, which is StrataMap::storeWord for a slot in the table.
     template <class Store>
-    static void encode(FecT const& f, Shape const& shape, U32* w, Store store) noexcept {
+    [[gnu::always_inline]] static void encode(FecT const& f, Shape const& shape, U32* w,
+                                              Store store) noexcept {
         U32 const end = shape.end;
         U32 const count = shape.count;
         U32 const cls = shape.cls;
@@ -179,6 +194,18 @@ struct FecCodec {
 };
 
 static_assert(FecCodec<Fib::Fec>::slotSize(0) == 32, "a one-via FEC takes 32 bytes");
+template <class FecT>
+constexpr bool denseClassesAgree() noexcept {
+    using C = FecCodec<FecT>;
+    for (U32 end = 0; end <= FecT::maxVias; ++end) {
+        U32 c = 0;
+        while (C::slotSize(c) < C::need(end, false)) ++c;
+        if (C::denseClass(end) != c) return false;
+    }
+    return true;
+}
+static_assert(denseClassesAgree<Fib::Fec>() && denseClassesAgree<Fib6::Fec>(),
+              "a dense FEC's class follows from its highest position");
 static_assert(FecCodec<Fib::Fec>::slotSize(7) <= SlotCopy::maxWords * 4);
 static_assert(FecCodec<Fib6::Fec>::slotSize(7) <= SlotCopy::maxWords * 4);
 

@@ -106,6 +106,17 @@ TYPED_TEST(StrataFecTableTest, EveryViaCountAndHolesSurviveTheTable) {
     stored[500] = std::move(holes);
     stored[501] = std::move(high);
     stored[502] = std::move(alternate);
+    // A single hole at either edge of a bitmap word, just below the last position and far
+    // below it: each must be kept, not stored as a dense run.
+    for (U32 hole : {0u, 31u, 32u, 63u, 64u, 95u, 96u}) {
+        for (U32 n : {hole + 2, 128u}) {
+            auto f = fecWith<FecT>(600 + hole * 1000 + n, n);
+            f->viaDel(hole);
+            EXPECT_FALSE(f->viasDense());
+            t->fecIs(*f);
+            stored[600 + hole * 1000 + n] = std::move(f);
+        }
+    }
 
     for (auto const& [id, f] : stored) {
         auto got = t->fec(FecId(id));
