@@ -223,6 +223,14 @@ TableShape const& fecShape<Fib6::Fec>() {
     return s;
 }
 
+// The index's hash of a FEC id (the key's two words, as they sit in memory).
+U32 keyHashOf(Fib::FecId const& id) noexcept {
+    U32 w[2];
+    static_assert(sizeof id == sizeof w);
+    std::memcpy(w, static_cast<void const*>(&id), sizeof w);
+    return StrataMap::keyHash(w, 2);
+}
+
 [[noreturn]] void throwNoMansLand() {
     throw RuntimeException("StrataMap::directWrite() in no man's land");
 }
@@ -260,15 +268,15 @@ void FecTable<FecT>::attach(std::string const& prefix, Access access, FecCapacit
 
 template <class FecT>
 void FecTable<FecT>::fecIs(FecT const& fec) {
-    store(writable("write"), fec);
+    store(writable("write"), fec, keyHashOf(fec.fecId()));
 }
 
 template <class FecT>
-void FecTable<FecT>::store(StrataMap& m, FecT const& fec) {
+void FecTable<FecT>::store(StrataMap& m, FecT const& fec, U32 hash) {
     auto const shape = FecCodec<FecT>::shapeOf(fec);
     Fib::FecId const id = fec.fecId();
     // Encoded straight into the slot: no image to fill and copy.
-    U32* w = m.putBegin(shape.cls, &id);
+    U32* w = m.putBegin(shape.cls, &id, hash);
     FecCodec<FecT>::encode(fec, shape, w, &StrataMap::storeWord);
     m.putCommit();
 }
@@ -278,6 +286,9 @@ FecT* FecTable<FecT>::fecDirectWrite(Fib::FecId const& id) {
     StrataMap* m = map();
     if (m) m->checkWritable("write");
     if (!m || (directWriteSlot_ && directWriteMap_ == m)) throwNoMansLand();
+    directWriteId_ = id;
+    directWriteHash_ = keyHashOf(id);
+    m->prefetchKey(directWriteHash_);
     if (directWriteMap_ != m) {
         // First use of this mapping's slot: whatever a dead writer left there is overwritten.
         directWriteSlot_ = new (m->directWriteSlot()) FecT(id);
@@ -305,7 +316,8 @@ void FecTable<FecT>::fecCommit(FecT const* fec) {
     }
     KAL_ASSERT(fec == directWriteSlot_);
     FecT const* const slot = std::exchange(directWriteSlot_, nullptr);
-    store(*m, *slot);
+    Fib::FecId const id = slot->fecId();
+    store(*m, *slot, id == directWriteId_ ? directWriteHash_ : keyHashOf(id));
 }
 
 template <class FecT>

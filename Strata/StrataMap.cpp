@@ -500,10 +500,6 @@ void StrataMap::corruptionDetected(std::string const& what) const {
 
 // ---- slots and keys ---------------------------------------------------------------------------
 
-[[gnu::always_inline]] inline U32 StrataMap::home(U32 hash) const noexcept {
-    return U32((U64(hash) * indexEntries_) >> 32);
-}
-
 void StrataMap::checkRef(U32 ref, char const* where) const {
     U32 const cls = refClass(ref);
     if (cls >= shape_.classCount || (ref >> refClassBits) == 0 ||
@@ -700,11 +696,6 @@ void StrataMap::throwReadOnly(char const* op) const {
     throw NoPermissionException(std::string(op) + " to read-only Strata table");
 }
 
-void* StrataMap::directWriteSlot() noexcept {
-    KAL_ASSERT(writer_ && attached_);
-    return directWrite_;
-}
-
 [[gnu::always_inline]] inline bool StrataMap::findEntry(void const* key, U32 hash, U32& pos) const {
     pos = home(hash);
     for (U32 probes = 0; probes < indexEntries_; ++probes) {
@@ -756,6 +747,12 @@ void StrataMap::throwTableFull(std::string const& what) {
 }
 
 U32* StrataMap::putBegin(U32 cls, void const* key) {
+    U32 keyWords[8];
+    std::memcpy(keyWords, key, shape_.keySize);
+    return putBegin(cls, keyWords, keyHash(keyWords, shape_.keySize / 4));
+}
+
+U32* StrataMap::putBegin(U32 cls, void const* key, U32 hash) {
     KAL_ASSERT(writer_ && attached_);
     KAL_ASSERT(cls < shape_.classCount);
     KAL_ASSERT(pending_.ref == 0);
@@ -769,11 +766,13 @@ U32* StrataMap::putBegin(U32 cls, void const* key) {
         U8 const* p = g.base + std::size_t(next) * g.slotSize;
         for (U32 off = 0; off < g.slotSize; off += 64) __builtin_prefetch(p + off, 1);
     }
-    U32 keyWords[8];
-    std::memcpy(keyWords, key, shape_.keySize);
-    U32 const hash = keyHash(keyWords, shape_.keySize / 4);
+    KAL_DASSERT([&] {
+        U32 keyWords[8];
+        std::memcpy(keyWords, key, shape_.keySize);
+        return keyHash(keyWords, shape_.keySize / 4) == hash;
+    }());
     U32 pos = 0;
-    bool const found = findEntry(keyWords, hash, pos);
+    bool const found = findEntry(key, hash, pos);
     U32 const oldRef = found ? load(index_[pos].ref) : 0;
     bool const sameClass = found && refClass(oldRef) == cls;
     if (!found && count_ >= maxRecords_) {

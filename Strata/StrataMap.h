@@ -13,6 +13,7 @@
 #include "Strata/StrataBase.h"
 #include "Strata/StrataLayout.h"
 
+#include "Kal/Assert.h"
 #include "Kal/Types.h"
 #include "Velnet/Hash.h"
 
@@ -113,14 +114,24 @@ class StrataMap final : public StrataBase {
     // the caller stores words 1 .. slotSize/4 - 1 with storeWord (the key at byte 8), then
     // putCommit publishes the slot. Nothing else may run on the table in between.
     U32* putBegin(U32 cls, void const* key);
+    // The same for a caller that has the key's hash already (keyHash of its words).
+    U32* putBegin(U32 cls, void const* key, U32 hash);
     void putCommit() noexcept;
+    // Starts fetching the index entry where the search for a key with this hash begins, for a
+    // writer that knows the key some time before it writes (a hint: it changes nothing).
+    void prefetchKey(U32 hash) const noexcept {
+        if (index_) __builtin_prefetch(index_ + home(hash), 1);
+    }
     static void storeWord(U32& w, U32 v) noexcept {
         std::atomic_ref<U32>(w).store(v, std::memory_order_release);
     }
     // Removes the record with this key; false when there was none.
     bool remove(void const* key);
     // The direct-write slot (directWriteSize bytes of the writer's mapping).
-    void* directWriteSlot() noexcept;
+    void* directWriteSlot() noexcept {
+        KAL_ASSERT(writer_ && attached_);
+        return directWrite_;
+    }
 
     // Raises NoPermissionException "<op> to read-only Strata table" on a reader.
     void checkWritable(char const* op) const {
@@ -165,7 +176,8 @@ class StrataMap final : public StrataBase {
     void checkRef(U32 ref, char const* where) const;
     ReadResult readSlot(U32 ref, SlotCopy& out) const noexcept;
     bool keyInSlotEquals(U32 ref, void const* key) const noexcept;
-    U32 home(U32 hash) const noexcept;
+    // The entry where the probe run of a hash begins.
+    U32 home(U32 hash) const noexcept { return U32((U64(hash) * indexEntries_) >> 32); }
     // Writer: the index position of the key's entry, or of the empty entry ending its run.
     bool findEntry(void const* key, U32 hash, U32& pos) const;
     U32 allocateSlot(U32 cls);

@@ -240,6 +240,17 @@ TYPED_TEST(StrataFecTableTest, DirectWriteSlotIsFilledInPlaceAndCommittedInOneSt
     t->fecCommit(s2);
     EXPECT_EQ(ro->fec(FecId(8))->via(0), via<FecT>(80));
     EXPECT_EQ(t->writerCounters().commits, 3u);
+
+    // The slot is committed under the id it holds then, not the one it was handed out for.
+    FecT* s3 = t->fecDirectWrite(FecId(7));
+    s3->fecIdIs(FecId(9));
+    s3->viaIs(0, via<FecT>(90));
+    t->fecCommit(s3);
+    EXPECT_EQ(*ro->fec(FecId(7)), expected);
+    ASSERT_TRUE(ro->fec(FecId(9)).has_value());
+    EXPECT_EQ(ro->fec(FecId(9))->via(0), via<FecT>(90));
+    EXPECT_EQ(t->fecs(), 3u);
+    t->validate();
 }
 
 TYPED_TEST(StrataFecTableTest, DirectWriteSlotOutsideItsStatesIsNoMansLand) {
