@@ -273,12 +273,18 @@ void FecTable<FecT>::fecIs(FecT const& fec) {
 
 template <class FecT>
 void FecTable<FecT>::store(StrataMap& m, FecT const& fec, U32 hash) {
-    auto const shape = FecCodec<FecT>::shapeOf(fec);
+    struct Job {
+        FecT const& fec;
+        typename FecCodec<FecT>::Shape shape;
+    };
+    Job const job{fec, FecCodec<FecT>::shapeOf(fec)};
     Fib::FecId const id = fec.fecId();
     // Encoded straight into the slot: no image to fill and copy.
-    U32* w = m.putBegin(shape.cls, &id, hash);
-    FecCodec<FecT>::encode(fec, shape, w, &StrataMap::storeWord);
-    m.putCommit();
+    auto encode = [](void const* context, U32* w) noexcept {
+        auto const& j = *static_cast<Job const*>(context);
+        FecCodec<FecT>::encode(j.fec, j.shape, w, &StrataMap::storeWord);
+    };
+    m.putEncoded(job.shape.cls, &id, hash, encode, &job);
 }
 
 template <class FecT>

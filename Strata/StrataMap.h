@@ -105,25 +105,24 @@ class StrataMap final : public StrataBase {
 
     // ---- writing (the writer's thread) ----------------------------------------------------
     // Stores the slot image `words` (the class's slotSize / 4 words; word 0 is ignored, the
-    // key sits at byte 8) as the record of its key, replacing any record with that key.
-    // tableFull_ (nothing changed) when the table or the class is full.
+    // key sits at byte 8, the state byte of word 1 is live_) as the record of its key,
+    // replacing any record with that key. tableFull_ (nothing changed) when the table or the
+    // class is full.
     void put(U32 cls, U32 const* words);
-    // The same in two halves, for an encoder that writes the slot in place rather than
-    // through an image. putBegin checks room for the key (tableFull_ leaves everything as it
-    // was), takes a free slot of the class, makes its generation odd and returns its words;
-    // the caller stores words 1 .. slotSize/4 - 1 with storeWord (the key at byte 8), then
-    // putCommit publishes the slot. Nothing else may run on the table in between.
-    U32* putBegin(U32 cls, void const* key);
-    // The same for a caller that has the key's hash already (keyHash of its words).
-    U32* putBegin(U32 cls, void const* key, U32 hash);
-    void putCommit() noexcept;
+    // The same for an encoder that writes the slot in place rather than through an image:
+    // takes a free slot of the class, makes its generation odd, has encode(context, words)
+    // store words 1 .. slotSize/4 - 1 with storeWord (word 1's state byte live_, the key at
+    // byte 8), and publishes the slot. tableFull_ leaves everything as it was and does not
+    // call encode. hash is keyHash of the key's words.
+    using Encoder = void (*)(void const* context, U32* words) noexcept;
+    void putEncoded(U32 cls, void const* key, U32 hash, Encoder encode, void const* context);
+    static void storeWord(U32& w, U32 v) noexcept {
+        std::atomic_ref<U32>(w).store(v, std::memory_order_release);
+    }
     // Starts fetching the index entry where the search for a key with this hash begins, for a
     // writer that knows the key some time before it writes (a hint: it changes nothing).
     void prefetchKey(U32 hash) const noexcept {
         if (index_) __builtin_prefetch(index_ + home(hash), 1);
-    }
-    static void storeWord(U32& w, U32 v) noexcept {
-        std::atomic_ref<U32>(w).store(v, std::memory_order_release);
     }
     // Removes the record with this key; false when there was none.
     bool remove(void const* key);
@@ -193,6 +192,8 @@ class StrataMap final : public StrataBase {
     bool readTimedOut(U32 attempt, U64 startNs) const noexcept;
     [[noreturn]] void throwTimeout(char const* op) const;
     [[noreturn]] void throwTableFull(std::string const& what);
+    // tableFull_ for a write of a new key (newKey) or into a full class.
+    [[noreturn]] void refuseWrite(U32 cls, bool newKey);
     layout::FileHeader const& header() const noexcept {
         return *reinterpret_cast<layout::FileHeader const*>(base_);
     }
@@ -223,13 +224,6 @@ class StrataMap final : public StrataBase {
     U32 highWater_[layout::maxClasses] = {};
     U32 count_ = 0;
     U32 indexSeq_ = 0;
-    struct Pending {
-        U32 ref = 0;    // the slot being written; 0: none
-        U32 oldRef = 0; // the copy it replaces; 0: a new key
-        U32 pos = 0;    // the key's index entry (or the empty one it goes into)
-        U32 hash = 0;
-    };
-    Pending pending_;
     U32 changeSeq_ = 0;
 
     struct AtomicCounters {
