@@ -285,6 +285,7 @@ void FecTable<FecT>::store(StrataMap& m, FecT const& fec, U32 hash) {
         FecCodec<FecT>::encode(j.fec, j.shape, w, &StrataMap::storeWord);
     };
     m.putEncoded(job.shape.cls, &id, hash, encode, &job);
+    lastClass_ = job.shape.cls;
 }
 
 template <class FecT>
@@ -295,6 +296,7 @@ FecT* FecTable<FecT>::fecDirectWrite(Fib::FecId const& id) {
     directWriteId_ = id;
     directWriteHash_ = keyHashOf(id);
     m->prefetchKey(directWriteHash_);
+    m->prefetchSlot(lastClass_);
     if (directWriteMap_ != m) {
         // First use of this mapping's slot: whatever a dead writer left there is overwritten.
         directWriteSlot_ = new (m->directWriteSlot()) FecT(id);

@@ -766,16 +766,9 @@ void StrataMap::putEncoded(U32 cls, void const* key, U32 hash, Encoder encode,
         std::memcpy(keyWords, key, shape_.keySize);
         return keyHash(keyWords, shape_.keySize / 4) == hash;
     }());
-    // The slot the copy will most likely go to (the top of the free list, else the next
-    // unused one) is fetched for writing now, so that its cache lines arrive while the index
-    // is searched: slots are written copy-on-write, so the new copy's lines are never the
-    // ones most recently written.
+    // The slot's cache lines arrive while the index is searched.
+    prefetchSlot(cls);
     ClassGeometry const& g = classes_[cls];
-    U32 const next = freeSlots_[cls].empty() ? highWater_[cls] : freeSlots_[cls].back();
-    if (next < g.slotCount) {
-        U8 const* p = g.base + std::size_t(next) * g.slotSize;
-        for (U32 off = 0; off < g.slotSize; off += 64) __builtin_prefetch(p + off, 1);
-    }
     U32 pos = 0;
     bool const found = findEntry(key, hash, pos);
     U32 const oldRef = found ? load(index_[pos].ref) : 0;

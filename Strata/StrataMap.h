@@ -119,10 +119,21 @@ class StrataMap final : public StrataBase {
     static void storeWord(U32& w, U32 v) noexcept {
         std::atomic_ref<U32>(w).store(v, std::memory_order_release);
     }
-    // Starts fetching the index entry where the search for a key with this hash begins, for a
-    // writer that knows the key some time before it writes (a hint: it changes nothing).
+    // Hints for a writer that knows some time ahead what it will write; they change nothing.
+    // Starts fetching the index entry where the search for a key with this hash begins.
     void prefetchKey(U32 hash) const noexcept {
         if (index_) __builtin_prefetch(index_ + home(hash), 1);
+    }
+    // Starts fetching, for writing, the slot that the next write into class cls takes (the
+    // top of the free list, else the next unused one): slots are written copy-on-write, so a
+    // new copy's lines are not the ones most recently written.
+    void prefetchSlot(U32 cls) const noexcept {
+        if (cls >= shape_.classCount) return;
+        ClassGeometry const& g = classes_[cls];
+        U32 const next = freeSlots_[cls].empty() ? highWater_[cls] : freeSlots_[cls].back();
+        if (next >= g.slotCount) return;
+        U8 const* p = g.base + std::size_t(next) * g.slotSize;
+        for (U32 off = 0; off < g.slotSize; off += 64) __builtin_prefetch(p + off, 1);
     }
     // Removes the record with this key; false when there was none.
     bool remove(void const* key);
