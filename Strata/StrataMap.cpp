@@ -804,6 +804,7 @@ void StrataMap::putEncoded(U32 cls, void const* key, U32 hash, Encoder encode,
 }
 
 void StrataMap::put(U32 cls, U32 const* words) {
+    KAL_ASSERT(cls < shape_.classCount);
     U32 keyWords[8];
     std::memcpy(keyWords, words + 2, shape_.keySize);
     struct Image {
