@@ -142,20 +142,19 @@ struct FecCodec {
     [[gnu::always_inline]] static void storeVia(U8 const* src, U32* w, Store store) noexcept {
         U32 k = 0;
 #if defined(__x86_64__)
-        auto const words64 = [&](U64 v) noexcept {
-            store(w[k / 4], U32(v));
-            store(w[k / 4 + 1], U32(v >> 32));
-            k += 8;
+        auto const store64 = [&](U32* to, U64 v) noexcept {
+            store(to[0], U32(v));
+            store(to[1], U32(v >> 32));
         };
-        while (k + 16 <= viaBytes) {
+        for (; k + 16 <= viaBytes; k += 16) {
             __m128i const x = _mm_loadu_si128(reinterpret_cast<__m128i const*>(src + k));
-            words64(U64(_mm_cvtsi128_si64(x)));
-            words64(U64(_mm_cvtsi128_si64(_mm_unpackhi_epi64(x, x))));
+            store64(w + k / 4, U64(_mm_cvtsi128_si64(x)));
+            store64(w + k / 4 + 2, U64(_mm_cvtsi128_si64(_mm_unpackhi_epi64(x, x))));
         }
-        while (k + 8 <= viaBytes) {
+        for (; k + 8 <= viaBytes; k += 8) {
             U64 v;
             std::memcpy(&v, src + k, 8);
-            words64(v);
+            store64(w + k / 4, v);
         }
 #endif
         for (; k < viaBytes; k += 4) {
