@@ -5,9 +5,14 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 #include <new>
 #include <utility>
+
+#if defined(__x86_64__)
+#include <emmintrin.h>
+#endif
 
 namespace Strata {
 
@@ -56,26 +61,45 @@ struct FecCodec {
         KAL_ASSERT(bytes <= slotSize(classes - 1));
         return classes - 1;
     }
-    static U32 classOf(FecT const& f) noexcept {
-        U32 const end = f.viaEnd();
-        return classFor(need(end, f.vias() != end));
-    }
     // What encode needs to know of a FEC, worked out once.
     struct Shape {
         U32 end;   // viaEnd()
         U32 count; // vias()
         U32 cls;
     };
-    static Shape shapeOf(FecT const& f) noexcept {
+    [[gnu::always_inline]] static Shape shapeOf(FecT const& f) noexcept {
         U32 const end = f.viaEnd();
-        U32 const count = f.vias();
-        return Shape{end, count, classFor(need(end, count != end))};
+        // Writers fill positions densely: checking that the bitmap is exactly the positions
+        // below end costs less than counting its bits, and the class follows from end alone.
+        if (dense(f, end)) return Shape{end, end, denseClass(end)};
+        return Shape{end, f.vias(), classFor(need(end, true))};
+    }
+    static U32 classOf(FecT const& f) noexcept { return shapeOf(f).cls; }
+    [[gnu::always_inline]] static bool dense(FecT const& f, U32 end) noexcept {
+        U32 diff = 0;
+        for (U32 k = 0; k < 4; ++k) {
+            U32 const lo = 32 * k;
+            U32 const full = end >= lo + 32 ? ~U32(0) : end <= lo ? 0 : (U32(1) << (end - lo)) - 1;
+            diff |= f.viaMaskWord(k) ^ full;
+        }
+        return diff == 0;
+    }
+    // The class of a dense FEC: the smallest whose 2^c positions hold end (a slot's padding
+    // to 8 bytes is less than a via, so it never makes room for one more).
+    static constexpr U32 denseClass(U32 end) noexcept {
+        return end <= 1 ? 0 : U32(std::bit_width(end - 1));
     }
 
+    // How encode stores a word of a slot in the table (a type, not a function pointer, so that
+    // the store is inlined in the copy loops).
+    struct SlotStore {
+        void operator()(U32& w, U32 v) const noexcept { StrataMap::storeWord(w, v); }
+    };
     // Writes f into the words of a slot of class cls (words 1 .. slotSize(cls)/4 - 1, zero
-    // past the vias) through store, which is StrataMap::storeWord for a slot in the table.
+    // past the vias) through store, which is SlotStore for a slot in the table.
     template <class Store>
-    static void encode(FecT const& f, Shape const& shape, U32* w, Store store) noexcept {
+    [[gnu::always_inline]] static void encode(FecT const& f, Shape const& shape, U32* w,
+                                              Store store) noexcept {
         U32 const end = shape.end;
         U32 const count = shape.count;
         U32 const cls = shape.cls;
@@ -89,25 +113,55 @@ struct FecCodec {
         if (sparse) {
             for (U32 k = 0; k < 4; ++k) store(w[i++], f.viaMaskWord(k));
         }
-        // A dense run copies as it is; a hole is stored as the empty via.
+        // The vias are stored as they sit in the FEC, a hole as the empty via.
         auto const* src = reinterpret_cast<U8 const*>(f.viaArray());
         if (!sparse) {
-            for (U32 k = 0, n = end * viaBytes / 4; k < n; ++k) {
-                U32 v;
-                std::memcpy(&v, src + 4 * k, 4);
-                store(w[i++], v);
+            for (U32 pos = 0; pos < end; ++pos, i += viaBytes / 4) {
+                storeVia(src + pos * viaBytes, w + i, store);
             }
         } else {
             for (U32 pos = 0; pos < end; ++pos) {
-                bool const set = (f.viaMaskWord(pos / 32) >> (pos % 32)) & 1;
-                for (U32 k = 0; k < viaBytes / 4; ++k) {
-                    U32 v = 0;
-                    if (set) std::memcpy(&v, src + pos * viaBytes + 4 * k, 4);
-                    store(w[i++], v);
+                if ((f.viaMaskWord(pos / 32) >> (pos % 32)) & 1) {
+                    storeVia(src + pos * viaBytes, w + i, store);
+                } else {
+                    for (U32 k = 0; k < viaBytes / 4; ++k) store(w[i + k], 0);
                 }
+                i += viaBytes / 4;
             }
         }
         for (U32 const n = slotSize(cls) / 4; i < n; ++i) store(w[i], 0);
+    }
+
+    // Stores the words of the via at src into w[0 ..]. The via is loaded in the pieces that a
+    // copy of it is made of (x86-64: 16- and 8-byte moves, then a 4-byte one; i386: 4-byte
+    // words), the way the caller's viaIs has just written it. Those stores may not have
+    // reached the cache yet (behind the previous commit's stores into slot lines that were
+    // not in the cache): a load of a part of a wider store cannot be served from the store
+    // and waits for it to land, while a load that matches a store is served at once.
+    template <class Store>
+    [[gnu::always_inline]] static void storeVia(U8 const* src, U32* w, Store store) noexcept {
+        U32 k = 0;
+#if defined(__x86_64__)
+        auto const store64 = [&](U32* to, U64 v) noexcept {
+            store(to[0], U32(v));
+            store(to[1], U32(v >> 32));
+        };
+        for (; k + 16 <= viaBytes; k += 16) {
+            __m128i const x = _mm_loadu_si128(reinterpret_cast<__m128i const*>(src + k));
+            store64(w + k / 4, U64(_mm_cvtsi128_si64(x)));
+            store64(w + k / 4 + 2, U64(_mm_cvtsi128_si64(_mm_unpackhi_epi64(x, x))));
+        }
+        for (; k + 8 <= viaBytes; k += 8) {
+            U64 v;
+            std::memcpy(&v, src + k, 8);
+            store64(w + k / 4, v);
+        }
+#endif
+        for (; k < viaBytes; k += 4) {
+            U32 v;
+            std::memcpy(&v, src + k, 4);
+            store(w[k / 4], v);
+        }
     }
 
     static constexpr U32 bitCount(U32 w) noexcept {
@@ -179,6 +233,18 @@ struct FecCodec {
 };
 
 static_assert(FecCodec<Fib::Fec>::slotSize(0) == 32, "a one-via FEC takes 32 bytes");
+template <class FecT>
+constexpr bool denseClassesAgree() noexcept {
+    using C = FecCodec<FecT>;
+    for (U32 end = 0; end <= FecT::maxVias; ++end) {
+        U32 c = 0;
+        while (C::slotSize(c) < C::need(end, false)) ++c;
+        if (C::denseClass(end) != c) return false;
+    }
+    return true;
+}
+static_assert(denseClassesAgree<Fib::Fec>() && denseClassesAgree<Fib6::Fec>(),
+              "a dense FEC's class follows from its highest position");
 static_assert(FecCodec<Fib::Fec>::slotSize(7) <= SlotCopy::maxWords * 4);
 static_assert(FecCodec<Fib6::Fec>::slotSize(7) <= SlotCopy::maxWords * 4);
 
@@ -194,6 +260,14 @@ TableShape const& fecShape<Fib6::Fec>() {
     static TableShape const s =
         FecCodec<Fib6::Fec>::makeShape(layout::TableKind::fib6Fec, "fib6-fec");
     return s;
+}
+
+// The index's hash of a FEC id (the key's two words, as they sit in memory).
+U32 keyHashOf(Fib::FecId const& id) noexcept {
+    U32 w[2];
+    static_assert(sizeof id == sizeof w);
+    std::memcpy(w, static_cast<void const*>(&id), sizeof w);
+    return StrataMap::keyHash(w, 2);
 }
 
 [[noreturn]] void throwNoMansLand() {
@@ -233,17 +307,25 @@ void FecTable<FecT>::attach(std::string const& prefix, Access access, FecCapacit
 
 template <class FecT>
 void FecTable<FecT>::fecIs(FecT const& fec) {
-    store(writable("write"), fec);
+    store(writable("write"), fec, keyHashOf(fec.fecId()));
 }
 
 template <class FecT>
-void FecTable<FecT>::store(StrataMap& m, FecT const& fec) {
-    auto const shape = FecCodec<FecT>::shapeOf(fec);
+void FecTable<FecT>::store(StrataMap& m, FecT const& fec, U32 hash) {
+    struct Job {
+        FecT const& fec;
+        typename FecCodec<FecT>::Shape shape;
+    };
+    Job const job{fec, FecCodec<FecT>::shapeOf(fec)};
     Fib::FecId const id = fec.fecId();
     // Encoded straight into the slot: no image to fill and copy.
-    U32* w = m.putBegin(shape.cls, &id);
-    FecCodec<FecT>::encode(fec, shape, w, &StrataMap::storeWord);
-    m.putCommit();
+    auto encode = [](void const* context, U32* w) noexcept {
+        auto const& j = *static_cast<Job const*>(context);
+        using Codec = FecCodec<FecT>;
+        Codec::encode(j.fec, j.shape, w, typename Codec::SlotStore());
+    };
+    m.putEncoded(job.shape.cls, &id, hash, encode, &job);
+    lastClass_ = job.shape.cls;
 }
 
 template <class FecT>
@@ -251,6 +333,10 @@ FecT* FecTable<FecT>::fecDirectWrite(Fib::FecId const& id) {
     StrataMap* m = map();
     if (m) m->checkWritable("write");
     if (!m || (directWriteSlot_ && directWriteMap_ == m)) throwNoMansLand();
+    directWriteId_ = id;
+    directWriteHash_ = keyHashOf(id);
+    m->prefetchKey(directWriteHash_);
+    m->prefetchSlot(lastClass_);
     if (directWriteMap_ != m) {
         // First use of this mapping's slot: whatever a dead writer left there is overwritten.
         directWriteSlot_ = new (m->directWriteSlot()) FecT(id);
@@ -278,7 +364,8 @@ void FecTable<FecT>::fecCommit(FecT const* fec) {
     }
     KAL_ASSERT(fec == directWriteSlot_);
     FecT const* const slot = std::exchange(directWriteSlot_, nullptr);
-    store(*m, *slot);
+    Fib::FecId const id = slot->fecId();
+    store(*m, *slot, id == directWriteId_ ? directWriteHash_ : keyHashOf(id));
 }
 
 template <class FecT>

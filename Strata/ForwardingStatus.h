@@ -135,10 +135,18 @@ class FecTable : public StrataTable {
     FecTable(Kal::Name name);
 
   private:
-    void store(StrataMap& m, FecT const& fec);
+    // hash: StrataMap::keyHash of fec.fecId().
+    void store(StrataMap& m, FecT const& fec, U32 hash);
 
     // The outstanding slot, or null.
     FecT* directWriteSlot_ = nullptr;
+    // The id the slot was handed out for and its key hash, worked out then (and its index
+    // entry fetched) so that the commit need not wait for them; the caller may change the id.
+    Fib::FecId directWriteId_;
+    U32 directWriteHash_ = 0;
+    // The size class of the last FEC stored: the next one is likely of the same size, so its
+    // slot is fetched when the direct-write slot is handed out.
+    U32 lastClass_ = 0;
     // The map whose slot this table last handed out (it holds a FEC made by this process);
     // held so that a map attached later cannot take its address.
     Kal::Ptr<StrataMap const> directWriteMap_;

@@ -500,10 +500,6 @@ void StrataMap::corruptionDetected(std::string const& what) const {
 
 // ---- slots and keys ---------------------------------------------------------------------------
 
-[[gnu::always_inline]] inline U32 StrataMap::home(U32 hash) const noexcept {
-    return U32((U64(hash) * indexEntries_) >> 32);
-}
-
 void StrataMap::checkRef(U32 ref, char const* where) const {
     U32 const cls = refClass(ref);
     if (cls >= shape_.classCount || (ref >> refClassBits) == 0 ||
@@ -700,11 +696,6 @@ void StrataMap::throwReadOnly(char const* op) const {
     throw NoPermissionException(std::string(op) + " to read-only Strata table");
 }
 
-void* StrataMap::directWriteSlot() noexcept {
-    KAL_ASSERT(writer_ && attached_);
-    return directWrite_;
-}
-
 [[gnu::always_inline]] inline bool StrataMap::findEntry(void const* key, U32 hash, U32& pos) const {
     pos = home(hash);
     for (U32 probes = 0; probes < indexEntries_; ++probes) {
@@ -755,76 +746,77 @@ void StrataMap::throwTableFull(std::string const& what) {
     throw Exception(ExceptionId::tableFull_, "Strata table " + path_ + " " + what);
 }
 
-U32* StrataMap::putBegin(U32 cls, void const* key) {
-    KAL_ASSERT(writer_ && attached_);
-    KAL_ASSERT(cls < shape_.classCount);
-    KAL_ASSERT(pending_.ref == 0);
-    // The slot the copy will most likely go to (the top of the free list, else the next
-    // unused one) is fetched for writing now, so that its cache lines arrive while the index
-    // is searched: slots are written copy-on-write, so the new copy's lines are never the
-    // ones most recently written.
-    ClassGeometry const& g = classes_[cls];
-    U32 const next = freeSlots_[cls].empty() ? highWater_[cls] : freeSlots_[cls].back();
-    if (next < g.slotCount) {
-        U8 const* p = g.base + std::size_t(next) * g.slotSize;
-        for (U32 off = 0; off < g.slotSize; off += 64) __builtin_prefetch(p + off, 1);
-    }
-    U32 keyWords[8];
-    std::memcpy(keyWords, key, shape_.keySize);
-    U32 const hash = keyHash(keyWords, shape_.keySize / 4);
-    U32 pos = 0;
-    bool const found = findEntry(keyWords, hash, pos);
-    U32 const oldRef = found ? load(index_[pos].ref) : 0;
-    bool const sameClass = found && refClass(oldRef) == cls;
-    if (!found && count_ >= maxRecords_) {
+void StrataMap::refuseWrite(U32 cls, bool newKey) {
+    if (newKey && count_ >= maxRecords_) {
         throwTableFull("is full: " + num(maxRecords_) + " records");
     }
-    if (!sameClass && used_[cls] >= classes_[cls].capacity) {
-        throwTableFull(shape_.classCount > 1
-                           ? "size class " + num(cls) + " (" + num(U64(1) << cls) +
-                                 (cls == 0 ? " via" : " vias") + ") is full: " +
-                                 num(classes_[cls].capacity) + " records"
-                           : "is full: " + num(classes_[cls].capacity) + " records");
+    throwTableFull(shape_.classCount > 1
+                       ? "size class " + num(cls) + " (" + num(U64(1) << cls) +
+                             (cls == 0 ? " via" : " vias") + ") is full: " +
+                             num(classes_[cls].capacity) + " records"
+                       : "is full: " + num(classes_[cls].capacity) + " records");
+}
+
+void StrataMap::putEncoded(U32 cls, void const* key, U32 hash, Encoder encode,
+                           void const* context) {
+    KAL_ASSERT(writer_ && attached_);
+    KAL_ASSERT(cls < shape_.classCount);
+    KAL_DASSERT([&] {
+        U32 keyWords[8];
+        std::memcpy(keyWords, key, shape_.keySize);
+        return keyHash(keyWords, shape_.keySize / 4) == hash;
+    }());
+    // The slot's cache lines arrive while the index is searched.
+    prefetchSlot(cls);
+    ClassGeometry const& g = classes_[cls];
+    U32 pos = 0;
+    bool const found = findEntry(key, hash, pos);
+    U32 const oldRef = found ? load(index_[pos].ref) : 0;
+    bool const sameClass = found && refClass(oldRef) == cls;
+    if ((!found && count_ >= maxRecords_) || (!sameClass && used_[cls] >= g.capacity)) {
+        refuseWrite(cls, !found);
     }
     // Nothing can fail from here on.
-    U32 const ref = refOf(cls, allocateSlot(cls));
-    pending_ = Pending{ref, oldRef, pos, hash};
-    U32* w = slotWords(ref);
+    U32 const slot = allocateSlot(cls);
+    U32 const ref = refOf(cls, slot);
+    U32* w = reinterpret_cast<U32*>(g.base + std::size_t(slot) * g.slotSize);
     U32 const gen = load(w[0]);
     KAL_DASSERT((gen & 1) == 0);
     store(w[0], gen + 1);
-    return w;
-}
-
-void StrataMap::putCommit() noexcept {
-    KAL_ASSERT(pending_.ref != 0);
-    Pending const p = std::exchange(pending_, Pending{});
-    U32* w = slotWords(p.ref);
-    U32 const cls = refClass(p.ref);
-    store(w[1], (load(w[1]) & ~U32(0xFF)) | live_, std::memory_order_release);
-    store(w[0], load(w[0]) + 1, std::memory_order_release);
-    IndexEntry& e = index_[p.pos];
-    if (p.oldRef) {
+    encode(context, w);
+    KAL_DASSERT(stateOf(load(w[1])) == live_);
+    store(w[0], gen + 2, std::memory_order_release);
+    IndexEntry& e = index_[pos];
+    if (found) {
         // The one store that publishes the new copy; the old one is retired after it.
-        store(e.ref, p.ref, std::memory_order_release);
-        retireSlot(p.oldRef);
-        --used_[refClass(p.oldRef)];
-        freeSlots_[refClass(p.oldRef)].push_back(refSlot(p.oldRef));
+        store(e.ref, ref, std::memory_order_release);
+        retireSlot(oldRef);
+        --used_[refClass(oldRef)];
+        freeSlots_[refClass(oldRef)].push_back(refSlot(oldRef));
     } else {
-        store(e.tag, p.hash);
-        store(e.ref, p.ref, std::memory_order_release);
+        store(e.tag, hash);
+        store(e.ref, ref, std::memory_order_release);
         ++count_;
     }
     ++used_[cls];
-    publishCounts(cls, p.oldRef ? refClass(p.oldRef) : maxClasses);
+    publishCounts(cls, found ? refClass(oldRef) : maxClasses);
     bump(counters_.commits, 1);
 }
 
 void StrataMap::put(U32 cls, U32 const* words) {
-    U32* w = putBegin(cls, words + 2);
-    U32 const n = classes_[cls].slotSize / 4;
-    for (U32 i = 1; i < n; ++i) store(w[i], words[i], std::memory_order_release);
-    putCommit();
+    KAL_ASSERT(cls < shape_.classCount);
+    U32 keyWords[8];
+    std::memcpy(keyWords, words + 2, shape_.keySize);
+    struct Image {
+        U32 const* words;
+        U32 n;
+    };
+    Image const image{words, classes_[cls].slotSize / 4};
+    auto copy = [](void const* context, U32* w) noexcept {
+        auto const& img = *static_cast<Image const*>(context);
+        for (U32 i = 1; i < img.n; ++i) storeWord(w[i], img.words[i]);
+    };
+    putEncoded(cls, keyWords, keyHash(keyWords, shape_.keySize / 4), copy, &image);
 }
 
 void StrataMap::shiftBack(U32 hole) noexcept {

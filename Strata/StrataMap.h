@@ -13,6 +13,7 @@
 #include "Strata/StrataBase.h"
 #include "Strata/StrataLayout.h"
 
+#include "Kal/Assert.h"
 #include "Kal/Types.h"
 #include "Velnet/Hash.h"
 
@@ -104,23 +105,43 @@ class StrataMap final : public StrataBase {
 
     // ---- writing (the writer's thread) ----------------------------------------------------
     // Stores the slot image `words` (the class's slotSize / 4 words; word 0 is ignored, the
-    // key sits at byte 8) as the record of its key, replacing any record with that key.
-    // tableFull_ (nothing changed) when the table or the class is full.
+    // key sits at byte 8, the state byte of word 1 is live_) as the record of its key,
+    // replacing any record with that key. tableFull_ (nothing changed) when the table or the
+    // class is full.
     void put(U32 cls, U32 const* words);
-    // The same in two halves, for an encoder that writes the slot in place rather than
-    // through an image. putBegin checks room for the key (tableFull_ leaves everything as it
-    // was), takes a free slot of the class, makes its generation odd and returns its words;
-    // the caller stores words 1 .. slotSize/4 - 1 with storeWord (the key at byte 8), then
-    // putCommit publishes the slot. Nothing else may run on the table in between.
-    U32* putBegin(U32 cls, void const* key);
-    void putCommit() noexcept;
+    // The same for an encoder that writes the slot in place rather than through an image:
+    // takes a free slot of the class, makes its generation odd, has encode(context, words)
+    // store words 1 .. slotSize/4 - 1 with storeWord (word 1's state byte live_, the key at
+    // byte 8), and publishes the slot. tableFull_ leaves everything as it was and does not
+    // call encode. hash is keyHash of the key's words.
+    using Encoder = void (*)(void const* context, U32* words) noexcept;
+    void putEncoded(U32 cls, void const* key, U32 hash, Encoder encode, void const* context);
     static void storeWord(U32& w, U32 v) noexcept {
         std::atomic_ref<U32>(w).store(v, std::memory_order_release);
+    }
+    // Hints for a writer that knows some time ahead what it will write; they change nothing.
+    // Starts fetching the index entry where the search for a key with this hash begins.
+    void prefetchKey(U32 hash) const noexcept {
+        if (index_) __builtin_prefetch(index_ + home(hash), 1);
+    }
+    // Starts fetching, for writing, the slot that the next write into class cls takes (the
+    // top of the free list, else the next unused one): slots are written copy-on-write, so a
+    // new copy's lines are not the ones most recently written.
+    void prefetchSlot(U32 cls) const noexcept {
+        if (cls >= shape_.classCount) return;
+        ClassGeometry const& g = classes_[cls];
+        U32 const next = freeSlots_[cls].empty() ? highWater_[cls] : freeSlots_[cls].back();
+        if (next >= g.slotCount) return;
+        U8 const* p = g.base + std::size_t(next) * g.slotSize;
+        for (U32 off = 0; off < g.slotSize; off += 64) __builtin_prefetch(p + off, 1);
     }
     // Removes the record with this key; false when there was none.
     bool remove(void const* key);
     // The direct-write slot (directWriteSize bytes of the writer's mapping).
-    void* directWriteSlot() noexcept;
+    void* directWriteSlot() noexcept {
+        KAL_ASSERT(writer_ && attached_);
+        return directWrite_;
+    }
 
     // Raises NoPermissionException "<op> to read-only Strata table" on a reader.
     void checkWritable(char const* op) const {
@@ -165,7 +186,8 @@ class StrataMap final : public StrataBase {
     void checkRef(U32 ref, char const* where) const;
     ReadResult readSlot(U32 ref, SlotCopy& out) const noexcept;
     bool keyInSlotEquals(U32 ref, void const* key) const noexcept;
-    U32 home(U32 hash) const noexcept;
+    // The entry where the probe run of a hash begins.
+    U32 home(U32 hash) const noexcept { return U32((U64(hash) * indexEntries_) >> 32); }
     // Writer: the index position of the key's entry, or of the empty entry ending its run.
     bool findEntry(void const* key, U32 hash, U32& pos) const;
     U32 allocateSlot(U32 cls);
@@ -181,6 +203,8 @@ class StrataMap final : public StrataBase {
     bool readTimedOut(U32 attempt, U64 startNs) const noexcept;
     [[noreturn]] void throwTimeout(char const* op) const;
     [[noreturn]] void throwTableFull(std::string const& what);
+    // tableFull_ for a write of a new key (newKey) or into a full class.
+    [[noreturn]] void refuseWrite(U32 cls, bool newKey);
     layout::FileHeader const& header() const noexcept {
         return *reinterpret_cast<layout::FileHeader const*>(base_);
     }
@@ -211,13 +235,6 @@ class StrataMap final : public StrataBase {
     U32 highWater_[layout::maxClasses] = {};
     U32 count_ = 0;
     U32 indexSeq_ = 0;
-    struct Pending {
-        U32 ref = 0;    // the slot being written; 0: none
-        U32 oldRef = 0; // the copy it replaces; 0: a new key
-        U32 pos = 0;    // the key's index entry (or the empty one it goes into)
-        U32 hash = 0;
-    };
-    Pending pending_;
     U32 changeSeq_ = 0;
 
     struct AtomicCounters {

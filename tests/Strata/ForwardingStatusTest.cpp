@@ -106,6 +106,17 @@ TYPED_TEST(StrataFecTableTest, EveryViaCountAndHolesSurviveTheTable) {
     stored[500] = std::move(holes);
     stored[501] = std::move(high);
     stored[502] = std::move(alternate);
+    // A single hole at either edge of a bitmap word, just below the last position and far
+    // below it: each must be kept, not stored as a dense run.
+    for (U32 hole : {0u, 31u, 32u, 63u, 64u, 95u, 96u}) {
+        for (U32 n : {hole + 2, 128u}) {
+            auto f = fecWith<FecT>(600 + hole * 1000 + n, n);
+            f->viaDel(hole);
+            EXPECT_FALSE(f->viasDense());
+            t->fecIs(*f);
+            stored[600 + hole * 1000 + n] = std::move(f);
+        }
+    }
 
     for (auto const& [id, f] : stored) {
         auto got = t->fec(FecId(id));
@@ -229,6 +240,17 @@ TYPED_TEST(StrataFecTableTest, DirectWriteSlotIsFilledInPlaceAndCommittedInOneSt
     t->fecCommit(s2);
     EXPECT_EQ(ro->fec(FecId(8))->via(0), via<FecT>(80));
     EXPECT_EQ(t->writerCounters().commits, 3u);
+
+    // The slot is committed under the id it holds then, not the one it was handed out for.
+    FecT* s3 = t->fecDirectWrite(FecId(7));
+    s3->fecIdIs(FecId(9));
+    s3->viaIs(0, via<FecT>(90));
+    t->fecCommit(s3);
+    EXPECT_EQ(*ro->fec(FecId(7)), expected);
+    ASSERT_TRUE(ro->fec(FecId(9)).has_value());
+    EXPECT_EQ(ro->fec(FecId(9))->via(0), via<FecT>(90));
+    EXPECT_EQ(t->fecs(), 3u);
+    t->validate();
 }
 
 TYPED_TEST(StrataFecTableTest, DirectWriteSlotOutsideItsStatesIsNoMansLand) {
