@@ -69,7 +69,9 @@
 // was stored first). Only then is the old slot retired: a write under its generation counter
 // that sets its state to free, after which it goes back on the writer's free list.
 // A delete first removes the key's entry from the index (below), then retires the slot.
-// Each finished change ends with changeSeq + 1 (release), which readers may poll.
+// changeSeq is odd while a change is under way: the writer makes it odd before the change's
+// first store and even again (release) after its last, so it moves by 2 per change. A reader
+// that read the same even value before and after a walk saw no change at all.
 //
 // Deleting from the index moves entries: the writer makes indexSeq odd, shifts the entries of
 // the probe run back over the hole (each move a release store of the tag, then of the
@@ -109,7 +111,8 @@
 // so until the next writer's recovery recounts.
 // Iteration walks the slots of each class up to its high-water mark and yields the stable,
 // live ones; a record replaced during the walk may be seen twice (old and new copy) or, if
-// it moved behind the walk, not at all; changeSeq tells a reader that it has to walk again.
+// it moved behind the walk, not at all; a walk is whole when changeSeq was even before it and
+// unchanged after it.
 //
 // One writer
 // ----------
@@ -208,7 +211,7 @@ struct FileHeader {
     U8 reserved0[32];              // 480 zero
 
     // ---- mutable: written by the writer (atomic stores), read by readers (atomic loads) ----
-    U32 changeSeq;                     // 512 +1 per finished change (wraps)
+    U32 changeSeq;                     // 512 odd during a change, +2 per change (wraps)
     U32 indexSeq;                      // 516 odd while index entries move
     U32 recordCount;                   // 520
     U32 writerPid;                     // 524 the last writer to attach

@@ -729,6 +729,13 @@ void StrataMap::throwReadOnly(char const* op) const {
     store(w[0], odd + 1, std::memory_order_release);
 }
 
+[[gnu::always_inline]] inline void StrataMap::beginChange() noexcept {
+    KAL_DASSERT((changeSeq_ & 1) == 0);
+    store(writableHeader().changeSeq, ++changeSeq_);
+    // The odd value goes ahead of every store of the change (they are release stores too).
+    std::atomic_thread_fence(std::memory_order_release);
+}
+
 [[gnu::always_inline]] inline void StrataMap::publishCounts(U32 clsA, U32 clsB) noexcept {
     FileHeader& h = writableHeader();
     store(h.recordCount, count_, std::memory_order_release);
@@ -777,6 +784,7 @@ void StrataMap::putEncoded(U32 cls, void const* key, U32 hash, Encoder encode,
         refuseWrite(cls, !found);
     }
     // Nothing can fail from here on.
+    beginChange();
     U32 const slot = allocateSlot(cls);
     U32 const ref = refOf(cls, slot);
     U32* w = reinterpret_cast<U32*>(g.base + std::size_t(slot) * g.slotSize);
@@ -847,6 +855,7 @@ bool StrataMap::remove(void const* key) {
     U32 pos = 0;
     if (!findEntry(keyWords, hash, pos)) return false;
     U32 const ref = load(index_[pos].ref);
+    beginChange();
     FileHeader& h = writableHeader();
     // Odd first; the release stores of the shift keep it ahead of every move.
     store(h.indexSeq, ++indexSeq_);
@@ -1008,7 +1017,9 @@ void StrataMap::recover(bool repair) {
     }
     bump(counters_.recoveredSlots, recovered);
     FileHeader& h = writableHeader();
-    changeSeq_ = load(h.changeSeq);
+    // Odd: the last writer died inside a change; the recount below ends it. Either way the
+    // counter goes on to the next even value.
+    changeSeq_ = load(h.changeSeq) | 1;
     store(h.writerPid, U32(::getpid()));
     store(h.writerGeneration, load(h.writerGeneration) + 1, std::memory_order_release);
     publishCounts();

@@ -193,8 +193,10 @@ class StrataMap final : public StrataBase {
     U32 allocateSlot(U32 cls);
     void retireSlot(U32 ref) noexcept;
     void shiftBack(U32 hole) noexcept;
+    // Makes changeSeq odd: a change is under way (before its first store to the file).
+    void beginChange() noexcept;
     // Stores the counts (all classes, or the one or two a change touched) and advances
-    // changeSeq.
+    // changeSeq to the next even value: the change is finished.
     void publishCounts(U32 clsA = layout::maxClasses, U32 clsB = layout::maxClasses) noexcept;
     [[noreturn]] void throwReadOnly(char const* op) const;
     void backoff(U32 attempt) const noexcept;

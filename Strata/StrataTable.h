@@ -15,8 +15,10 @@
 //     Strata table <name>" (or "remove to ..."); reads of a detached table find nothing;
 //   - attaching an attached table: invalidInitialize_.
 //
-// Observing changes: changeSeq() is a counter in the file that every finished change advances
-// (wrapping at 2^32); a reader polls it, or waits for it to move with waitForChange().
+// Observing changes: changeSeq() is a counter in the file, odd while the writer is inside a
+// change and advanced by 2 per change (wrapping at 2^32); a reader polls it, or waits for it
+// to move with waitForChange(). A walk over the records is whole when the counter was even
+// before it and is unchanged after it.
 // writerGeneration() advances each time a writer attaches (after a restart, say).
 //
 // Threads: lookups, iteration, counts and the change counter may be used from several threads

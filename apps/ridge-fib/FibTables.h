@@ -3,12 +3,11 @@
 //
 // Consistency. A walk over a table's slots is not atomic: a record the writer replaces during
 // the walk may be seen twice (old and new copy) or, when its new copy lands behind the walk,
-// not at all. A listing therefore walks until the table's change counter is the same before
-// and after the walk (stableWalk). That is not the whole story: the writer advances the
-// counter only after a change has finished, so a walk that overlapped a change still in
-// progress also reads an unchanged counter. `follow` closes that gap by confirming every
-// difference it is about to report with a lookup by key, which goes through the table's
-// index, where a record is committed exactly when its reference is stored (Follow.cpp).
+// not at all. A listing therefore walks until the table's change counter is even (no change
+// under way) before the walk and the same after it (stableWalk). `follow` also confirms every
+// difference it is about to report with a lookup by key, which goes through the table's index,
+// where a record is committed exactly when its reference is stored (Follow.cpp): a writer
+// that dies inside a change leaves the counter odd until the next writer attaches.
 #pragma once
 
 #include "Strata/Strata.h"
@@ -134,7 +133,7 @@ Snapshot<typename TableTraits<Table>::Map> stableWalk(Table const& table) {
         walkInto(table, s.records);
         // The walk's loads come before the second look at the counter.
         std::atomic_thread_fence(std::memory_order_acquire);
-        if (table.changeSeq() == s.changeSeq) {
+        if ((s.changeSeq & 1) == 0 && table.changeSeq() == s.changeSeq) {
             s.settled = true;
             break;
         }

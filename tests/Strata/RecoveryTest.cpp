@@ -339,6 +339,7 @@ TEST_P(StrataInterruptedDeleteTest, NextWriterFinishesItAndReadersStaySound) {
         }
         ASSERT_NE(victim, 0u) << "no FEC with a following entry";
         raw.header().indexSeq |= 1;
+        raw.header().changeSeq |= 1; // inside a change
     }
     // A reader sees every other FEC, and (no writer being alive) a miss stands.
     Strata::AttachOptions o;
@@ -351,8 +352,11 @@ TEST_P(StrataInterruptedDeleteTest, NextWriterFinishesItAndReadersStaySound) {
         }
     }
     EXPECT_FALSE(r->fec(FecId(99)).has_value());
+    U32 const odd = r->changeSeq();
+    EXPECT_EQ(odd % 2, 1u) << "a walk cannot be whole while the dead writer's change is open";
 
     auto t = Strata::Fib::ForwardingStatus::writer(prefix);
+    EXPECT_EQ(r->changeSeq(), odd + 1) << "recovery ends the open change";
     t->validate();
     EXPECT_EQ(t->writerCounters().indexRebuilds, 1u);
     EXPECT_EQ(t->writerCounters().recoveredSlots, 1u) << "the deleted FEC's slot, never retired";
