@@ -223,6 +223,17 @@ struct FileHeader {
 
 inline constexpr std::size_t checksummedBytes = 472;
 
+// The header's checksum: FNV-1a 64 of its first checksummedBytes bytes.
+inline U64 headerChecksum(void const* header) noexcept {
+    U64 h = 0xcbf29ce484222325ull;
+    auto const* p = static_cast<unsigned char const*>(header);
+    for (std::size_t i = 0; i < checksummedBytes; ++i) {
+        h ^= p[i];
+        h *= 0x100000001b3ull;
+    }
+    return h;
+}
+
 static_assert(offsetof(FileHeader, version) == 8);
 static_assert(offsetof(FileHeader, fileSize) == 56);
 static_assert(offsetof(FileHeader, creationId) == 80);

@@ -49,16 +49,6 @@ inline void bump(std::atomic<U64>& counter, U64 by) noexcept {
     counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
 }
 
-U64 fnv1a64(void const* data, std::size_t n) noexcept {
-    U64 h = 0xcbf29ce484222325ull;
-    auto const* p = static_cast<unsigned char const*>(data);
-    for (std::size_t i = 0; i < n; ++i) {
-        h ^= p[i];
-        h *= 0x100000001b3ull;
-    }
-    return h;
-}
-
 U64 nowNs() noexcept {
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -321,7 +311,7 @@ bool StrataMap::createFile() {
             h.classes[c].slotCount = plan.slotCount[c];
             h.classes[c].capacity = options_.capacity.classCapacity[c];
         }
-        h.checksum = fnv1a64(&h, checksummedBytes);
+        h.checksum = headerChecksum(&h);
         h.writerPid = U32(::getpid());
         h.writerGeneration = 1;
         adoptGeometry();
@@ -378,9 +368,9 @@ void StrataMap::validateHeader(FileHeader const& h, U64 actualSize, char const* 
     if (h.version != layout::version) {
         bad("layout version " + num(h.version) + ", this build reads " + num(layout::version));
     }
-    if (h.checksum != fnv1a64(&h, checksummedBytes)) {
+    if (h.checksum != headerChecksum(&h)) {
         bad("checksum " + hex(h.checksum) + " does not match the header (" +
-            hex(fnv1a64(&h, checksummedBytes)) + ")");
+            hex(headerChecksum(&h)) + ")");
     }
     auto abi = [&](char const* field, U64 found, U64 expected) {
         if (found != expected) {

@@ -21,15 +21,6 @@ using strata_test::smallFecCapacity;
 using strata_test::TablePrefix;
 using Strata::layout::FileHeader;
 
-U64 fnv1a64(void const* data, std::size_t n) {
-    U64 h = 0xcbf29ce484222325ull;
-    for (std::size_t i = 0; i < n; ++i) {
-        h ^= static_cast<unsigned char const*>(data)[i];
-        h *= 0x100000001b3ull;
-    }
-    return h;
-}
-
 // Applies `damage` to the bytes of a table file (mapped writable).
 void damage(std::string const& path, std::function<void(U8* bytes, std::size_t size)> const& f) {
     int const fd = ::open(path.c_str(), O_RDWR);
@@ -45,7 +36,7 @@ void damage(std::string const& path, std::function<void(U8* bytes, std::size_t s
 }
 
 FileHeader& hdr(U8* bytes) { return *reinterpret_cast<FileHeader*>(bytes); }
-void reseal(U8* bytes) { hdr(bytes).checksum = fnv1a64(bytes, Strata::layout::checksummedBytes); }
+void reseal(U8* bytes) { hdr(bytes).checksum = Strata::layout::headerChecksum(bytes); }
 
 std::unique_ptr<Strata::Fib::Fec> fecVersion(U64 k, U32 v) {
     auto f = std::make_unique<Strata::Fib::Fec>();

@@ -26,15 +26,6 @@ using Strata::Fib::FecId;
 
 char const* const suffixes[] = {"fib4-fec", "fib6-fec", "fib4-route", "fib6-route"};
 
-U64 fnv1a64(void const* data, std::size_t n) {
-    U64 h = 0xcbf29ce484222325ull;
-    for (std::size_t i = 0; i < n; ++i) {
-        h ^= static_cast<unsigned char const*>(data)[i];
-        h *= 0x100000001b3ull;
-    }
-    return h;
-}
-
 template <class Table>
 void exerciseFecs(Table& t, bool writer) {
     using FecT = typename Table::Fec;
@@ -78,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     bool const reseal = data[0] & 8;
     std::vector<U8> bytes(data + 1, data + size);
     if (reseal && bytes.size() >= sizeof(Strata::layout::FileHeader)) {
-        U64 const sum = fnv1a64(bytes.data(), Strata::layout::checksummedBytes);
+        U64 const sum = Strata::layout::headerChecksum(bytes.data());
         std::memcpy(bytes.data() + offsetof(Strata::layout::FileHeader, checksum), &sum, 8);
     }
     std::string const prefix = "fuzzta-" + std::to_string(::getpid());
