@@ -509,15 +509,22 @@ class HashMap {
     // ahead: prefetchBucket(key) a few lookups ahead, then prefetchHead(key) a few later
     // (it reads the bucket and touches the chain's first member, which is the key's member
     // seven times in ten or more). Both are hints: they change nothing and may be skipped.
-    void prefetchBucket(Key const& key) const noexcept {
+    // They are inlined always: compiled apart, the optimizer finds them free of effects
+    // (a prefetch writes nothing) and drops every call whose result goes unused.
+    [[gnu::always_inline]] void prefetchBucket(Key const& key) const noexcept {
         __builtin_prefetch(raw_.headSlot(raw_.bucketOf(hashOf(key))));
     }
     // The first member of the key's chain (null for an empty bucket), touched; it need not
     // have the key.
-    Member const* prefetchHead(Key const& key) const noexcept {
+    [[gnu::always_inline]] Member const* prefetchHead(Key const& key) const noexcept {
         Member const* m = down(raw_.head(raw_.bucketOf(hashOf(key))));
         if (m) __builtin_prefetch(m);
         return m;
+    }
+    // The first member of the key's chain, as prefetchHead finds it, without touching it:
+    // for the stage after prefetchHead, which may then read it.
+    Member const* chainHead(Key const& key) const noexcept {
+        return down(raw_.head(raw_.bucketOf(hashOf(key))));
     }
 
     // The member with the key if present, else the first member after the key's position

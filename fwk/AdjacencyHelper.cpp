@@ -24,6 +24,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <ios>
+#include <optional>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 KAL_TRACE_HANDLE("RidgeAdjacencyHelper", "AdjacencyHelper");
 
@@ -166,6 +170,12 @@ template <class T> U64 getOrCreateFib(typename T::Helper &h, typename T::ViaSetT
     return index;
 }
 
+// One via of a FEC being adopted, added to its via set unless an equal via is there.
+template <class ViaSetT, class Via> void adoptVia(ViaSetT &viaSet, Via const &via) {
+    if (!viaSet.kalVia()[via])
+        viaSet.newVia(via, 1);
+}
+
 template <class T> void contructAdj(typename T::Helper &h, Strata::Fib::FecId const &fecId) {
     KAL_TRACE_IN("doContructAdj", 0, T::contructAdj);
     auto &tables = *h.ridgeStatus();
@@ -184,10 +194,8 @@ template <class T> void contructAdj(typename T::Helper &h, Strata::Fib::FecId co
                      T::contructAdj << " no FEC 0x" << std::hex << fecId.value());
         return;
     }
-    for (auto it = fec.viaIteratorConst(); it; ++it) {
-        if (!viaSet.kalVia()[*it])
-            viaSet.newVia(*it, 1);
-    }
+    for (auto it = fec.viaIteratorConst(); it; ++it)
+        adoptVia(viaSet, *it);
     viaSet.nhidIs(fec.nexthopGroupId());
     viaSet.typeIs(U8(fec.fecType()));
     adj->indexIs(fecId.value());
@@ -253,7 +261,9 @@ void dropRefOnHost(Kal::Ptr<typename T::HostStatus> const &hostStatus, U64 index
 // Adopts the FECs of a batch of adoptable routes, in order. Each adoption is a lookup at a
 // random place in the adjacency table (three dependent cache misses: bucket, member,
 // adjacency) and, for a new adjacency, an insertion at a random place in each table; the
-// batch touches those places a few routes ahead so that the misses overlap.
+// batch touches those places ahead, one dependent step per stage, so that the misses of
+// many routes overlap. A stage reads only what an earlier stage touched: reading what it
+// touches itself would wait for the miss it means to hide.
 template <class T> void adoptBatch(typename T::Helper &h, U64 const *ids, std::size_t n) {
     auto const &tables = *h.ridgeStatus();
     auto const &adjacencies = tables.kalAdjacency();
@@ -262,28 +272,287 @@ template <class T> void adoptBatch(typename T::Helper &h, U64 const *ids, std::s
     for (std::size_t i = 0; i < n; ++i) {
         if (i + 3 * ahead < n)
             adjacencies.prefetchBucket(ids[i + 3 * ahead]);
-        if (i + 2 * ahead < n) {
-            U64 const id = ids[i + 2 * ahead];
-            auto const *head = adjacencies.prefetchHead(id);
-            // Most likely an adjacency still to make: its index goes into a second table.
-            if (!head || head->fwkKey() != id)
-                viaSets.prefetchBucket(id);
-        }
+        if (i + 2 * ahead < n)
+            adjacencies.prefetchHead(ids[i + 2 * ahead]);
         if (i + ahead < n) {
             U64 const id = ids[i + ahead];
-            auto const *head = adjacencies.prefetchHead(id);
+            auto const *head = adjacencies.chainHead(id);
             if (head && head->fwkKey() == id)
                 __builtin_prefetch(head->fwkValue().ptr());
-            else
-                viaSets.prefetchHead(id);
+            else // most likely an adjacency still to make: its index goes into a second table
+                viaSets.prefetchBucket(id);
         }
         h.doContructAdj(Strata::Fib::FecId(ids[i]));
     }
 }
 
-// The route table is walked in batches of adoptable routes, each adopted before the walk
-// goes on (adoptBatch). The tables are given room for every FEC first, so that they do not
-// grow while they fill, a pass over all their members each time.
+// Adoption in bulk. What route-by-route adoption leaves behind depends only on which FECs
+// the adoptable routes name, how many routes name each, and, where two FECs hold equal via
+// sets, which of them a route named first: every table is ordered by its keys whatever the
+// order of insertion, and an adjacency changes silently. When nobody can watch the sync
+// (no notifiee on the adjacency status, level 0 of this file's trace off, no coverage
+// stream), the same tables are built in bulk, without a lookup per route:
+//   1. the walk tallies the routes per FEC id (RouteTally), noting the order in which the
+//      ids first appear;
+//   2. ids that already have an adjacency are set aside: they only take references;
+//   3. the FECs of the other ids are read, in the FEC table's own order when they are many
+//      (a walk beats a lookup each), by lookups in order of first appearance otherwise;
+//   4. the references of step 2 are taken, and the new adjacencies made, each with as many
+//      references as routes name it, and filed in the order of each table's positions, so
+//      that every insertion lands beside the previous one. Equal via sets are filed in the
+//      order in which their FECs first appeared: the via-set table keeps the last one,
+//      which is the adjacency that route-by-route adoption makes last.
+// Steps 1 to 3 only read; a table error there leaves the adjacency tables as they were.
+template <class T> class BulkAdoption {
+  public:
+    // `room`: the number of distinct FEC ids to expect.
+    BulkAdoption(typename T::Helper &h, U32 room)
+        : h_(h), tables_(*h.ridgeStatus()), tally_(room) {}
+
+    // Whether the bulk path leaves no trace that route-by-route adoption would leave.
+    static bool unobserved(typename T::Helper const &h) {
+        return !h.ridgeStatus()->kalHasNotifiees() && !_defaultTraceHandle().enabled(0) &&
+               !Kal::coverageStream_.load(std::memory_order_relaxed);
+    }
+
+    // Step 1 for one batch of ids of adoptable routes, in walk order.
+    void tally(U64 const *ids, std::size_t n) {
+        constexpr std::size_t ahead = 16;
+        for (std::size_t i = 0; i < n; ++i) {
+            if (i + ahead < n)
+                tally_.prefetch(ids[i + ahead]);
+            if (tally_.bump(ids[i]))
+                order_.push_back(ids[i]);
+        }
+    }
+
+    // Steps 2 to 4.
+    void adopt() {
+        std::vector<std::pair<Adjacency *, U32>> found;
+        for (auto it = tables_.adjacencyIterator(); it; ++it) {
+            if (auto *e = tally_.find(it.key())) {
+                found.emplace_back(it.value().ptr(), e->count);
+                e->first = RouteTally::taken;
+            }
+        }
+        readFecs(order_.size() - found.size());
+        for (auto const &[adj, count] : found)
+            adj->refCountInc(count);
+        file();
+    }
+
+  private:
+    // Per FEC id: the routes that name it, and the rank of its first appearance.
+    class RouteTally {
+      public:
+        struct Entry {
+            U64 id;
+            U32 count; // 0: a free slot
+            U32 first;
+        };
+        static constexpr U32 taken = 0xFFFFFFFF; // `first` of an id that has its adjacency
+
+        // Room for `ids` ids at most half full.
+        explicit RouteTally(U32 ids) {
+            while ((std::size_t(1) << (64 - shift_)) < std::size_t(ids) * 2)
+                --shift_;
+            slots_.resize(std::size_t(1) << (64 - shift_));
+        }
+
+        bool bump(U64 id) {
+            Entry &e = slot(id);
+            if (e.count++)
+                return false;
+            e.id = id;
+            e.first = distinct_++;
+            if (distinct_ > slots_.size() / 4 * 3)
+                grow();
+            return true;
+        }
+        Entry *find(U64 id) {
+            Entry &e = slot(id);
+            return e.count ? &e : nullptr;
+        }
+        void prefetch(U64 id) const { __builtin_prefetch(&slots_[place(id)]); }
+
+      private:
+        std::size_t place(U64 id) const {
+            return std::size_t((id * 0x9E3779B97F4A7C15ull) >> shift_);
+        }
+        Entry &slot(U64 id) {
+            std::size_t i = place(id);
+            while (slots_[i].count && slots_[i].id != id)
+                i = (i + 1) & (slots_.size() - 1);
+            return slots_[i];
+        }
+        void grow() {
+            std::vector<Entry> old(slots_.size() * 2);
+            old.swap(slots_);
+            --shift_;
+            for (Entry const &e : old) {
+                if (e.count)
+                    slot(e.id) = e;
+            }
+        }
+
+        std::vector<Entry> slots_;
+        unsigned shift_ = 64 - 10;
+        U32 distinct_ = 0;
+    };
+
+    // A FEC to adopt, as read: its vias are vias_[vias, vias + viaCount).
+    struct Fresh {
+        U64 id;
+        U32 count;
+        U32 first;
+        U32 vias;
+        U32 viaCount;
+        U16 nhid;
+        U8 type;
+        U32 viaSetHash = 0;
+        Adjacency *adj = nullptr; // held by the tables once filed
+    };
+
+    void take(U64 id, U32 count, U32 first, typename T::Fec const &fec) {
+        U32 const vias = U32(vias_.size());
+        for (auto it = fec.viaIteratorConst(); it; ++it)
+            vias_.push_back(*it);
+        fresh_.push_back(Fresh{id, count, first, vias, U32(vias_.size()) - vias,
+                               fec.nexthopGroupId(), U8(fec.fecType())});
+    }
+
+    void readFecs(std::size_t pending) {
+        auto const &fib = *h_.status();
+        if (pending * 4 >= fib.fecs()) {
+            // Many to read: every FEC in the table's order, then the ones no route names
+            // (or whose adjacency exists) are dropped again.
+            try {
+                fresh_.reserve(fib.fecs());
+                vias_.reserve(fib.fecs());
+                for (auto it = fib.fecIteratorConst(); it; ++it)
+                    take(it.key().value(), 0, 0, *it);
+                keepNamed();
+                return;
+            } catch (...) {
+                // A record no route names may be what failed: look up only the ones named.
+                fresh_.clear();
+                vias_.clear();
+            }
+        }
+        typename T::Fec fec;
+        for (U64 const id : order_) {
+            auto const *e = tally_.find(id);
+            if (e->first != RouteTally::taken && fib.fec(Strata::Fib::FecId(id), fec))
+                take(id, e->count, e->first, fec);
+        }
+    }
+
+    // Completes the records of a walk from the tally, keeping those still to adopt.
+    void keepNamed() {
+        constexpr std::size_t ahead = 16;
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < fresh_.size(); ++i) {
+            if (i + ahead < fresh_.size())
+                tally_.prefetch(fresh_[i + ahead].id);
+            auto const *e = tally_.find(fresh_[i].id);
+            if (!e || e->first == RouteTally::taken)
+                continue;
+            fresh_[kept] = fresh_[i];
+            fresh_[kept].count = e->count;
+            fresh_[kept].first = e->first;
+            ++kept;
+        }
+        fresh_.resize(kept);
+    }
+
+    typename T::ViaSetT viaSetOf(Fresh const &f) const {
+        typename T::ViaSetT viaSet;
+        for (U32 v = f.vias; v < f.vias + f.viaCount; ++v)
+            adoptVia(viaSet, vias_[v]);
+        viaSet.nhidIs(f.nhid);
+        viaSet.typeIs(f.type);
+        return viaSet;
+    }
+
+    // Calls fn on the records in the order of `rank` (a stable sort of (key, record) by
+    // key), touching them a few places ahead: a record and its vias sit wherever the FEC
+    // table's order put them.
+    using Rank = std::vector<std::pair<U32, U32>>;
+    template <class Fn> void inRankOrder(Rank &rank, Fn &&fn) {
+        sortByKey(rank);
+        constexpr std::size_t ahead = 8;
+        for (std::size_t i = 0; i < rank.size(); ++i) {
+            if (i + 2 * ahead < rank.size())
+                __builtin_prefetch(&fresh_[rank[i + 2 * ahead].second]);
+            if (i + ahead < rank.size()) {
+                Fresh const &f = fresh_[rank[i + ahead].second];
+                __builtin_prefetch(&vias_[f.vias]);
+                if (f.adj)
+                    __builtin_prefetch(f.adj);
+            }
+            fn(fresh_[rank[i].second]);
+        }
+    }
+
+    // Least significant digit first, 11 bits at a time: stable, three passes.
+    static void sortByKey(Rank &rank) {
+        constexpr unsigned bits = 11;
+        Rank other(rank.size());
+        for (unsigned shift = 0; shift < 32; shift += bits) {
+            std::vector<U32> start((1u << bits) + 1);
+            for (auto const &r : rank)
+                ++start[((r.first >> shift) & ((1u << bits) - 1)) + 1];
+            for (std::size_t d = 1; d < start.size(); ++d)
+                start[d] += start[d - 1];
+            for (auto const &r : rank)
+                other[start[(r.first >> shift) & ((1u << bits) - 1)]++] = r;
+            rank.swap(other);
+        }
+    }
+
+    void file() {
+        using IndexMap = std::remove_cvref_t<decltype(tables_.kalAdjacency())>;
+        using ViaSetMap = std::remove_cvref_t<decltype(tables_.kalViaSetToAdjacency())>;
+        Rank rank(fresh_.size());
+        for (U32 i = 0; i < fresh_.size(); ++i)
+            rank[i] = {IndexMap::hashOf(fresh_[i].id), i};
+        inRankOrder(rank, [&](Fresh &f) {
+            auto const viaSet = viaSetOf(f);
+            f.viaSetHash = ViaSetMap::hashOf(viaSet);
+            Adjacency::Ptr const adj = new Adjacency;
+            adj->indexIs(f.id);
+            adj->refCountIs(f.count);
+            tables_.adjIndexToViaSetIs(f.id, viaSet);
+            tables_.adjacencyIs(f.id, adj);
+            f.adj = adj.ptr();
+        });
+        // The via-set table in first-appearance order within equal hashes: the sort is
+        // stable, so the records go in in that order.
+        std::vector<U32> byFirst(order_.size(), U32(-1));
+        for (U32 i = 0; i < fresh_.size(); ++i)
+            byFirst[fresh_[i].first] = i;
+        rank.clear();
+        for (U32 const i : byFirst) {
+            if (i != U32(-1))
+                rank.emplace_back(fresh_[i].viaSetHash, i);
+        }
+        inRankOrder(rank, [&](Fresh &f) {
+            tables_.viaSetToAdjacencyIs(viaSetOf(f), Adjacency::Ptr(f.adj));
+        });
+    }
+
+    typename T::Helper &h_;
+    std::remove_cvref_t<decltype(*std::declval<typename T::Helper &>().ridgeStatus())> &tables_;
+    RouteTally tally_;
+    std::vector<U64> order_; // ids in order of first appearance
+    std::vector<Fresh> fresh_;
+    std::vector<typename T::Via> vias_;
+};
+
+// The route table is walked in batches of adoptable routes. Each batch is adopted before
+// the walk goes on: route by route (adoptBatch), or tallied for adoption in bulk when
+// nobody watches (BulkAdoption). The tables are given room for every FEC first, so that
+// they do not grow while they fill, a pass over all their members each time.
 template <class T> void syncRoutes(typename T::Helper &h) {
     KAL_TRACE_IN("doSyncRoutes", 0, T::syncRoutes);
     h.doCreateDropAdjacency();
@@ -295,6 +564,9 @@ template <class T> void syncRoutes(typename T::Helper &h) {
     tables.viaSetToAdjacencyReserve(room);
     tables.adjIndexToViaSetReserve(room);
     tables.adjacencyReserve(room);
+    std::optional<BulkAdoption<T>> bulk;
+    if (BulkAdoption<T>::unobserved(h))
+        bulk.emplace(h, room);
     constexpr std::size_t batch = 1024;
     U64 ids[batch];
     for (auto it = routes.routeIteratorConst(); it;) {
@@ -305,8 +577,13 @@ template <class T> void syncRoutes(typename T::Helper &h) {
             ids[n++] = it.fecId().value();
             highest = std::max(highest, U32(it.fecId().value()));
         }
-        adoptBatch<T>(h, ids, n);
+        if (bulk)
+            bulk->tally(ids, n);
+        else
+            adoptBatch<T>(h, ids, n);
     }
+    if (bulk)
+        bulk->adopt();
     auto &allocator = *h.adjIndexAllocator();
     if (allocator.adjIndex() < highest) {
         KAL_TRACE_IN("doSyncRoutes", 0, "Updated AdjIndex helper: " << highest);

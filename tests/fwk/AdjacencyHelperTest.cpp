@@ -12,6 +12,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -337,6 +338,108 @@ TEST(SyncRoutesTest, InstallsTheDropAdjacencyAndAdoptsTheFecsOfAdoptableRouteTyp
     ASSERT_NE(rig.status6->adjacency(2), nullptr);
     EXPECT_EQ(rig.fib6->fec(FecId(Strata::Fib::ipv6DropFecId_))->fecType(), Strata::Fib::drop_);
     EXPECT_EQ(rig.allocator->adjIndex(), 50u);
+}
+
+// Everything a family's adjacency tables hold, in their iteration order, as text.
+template <class Tables> Strings contents(Tables const& t) {
+    Strings out;
+    auto text = [](auto const&... parts) {
+        std::ostringstream os;
+        ((os << parts << ' '), ...);
+        return Kal::String8(os.str());
+    };
+    for (auto it = t.viaSetToAdjacencyIteratorConst(); it; ++it)
+        out.push_back(text("byViaSet", it.key(), it.ptr()->index(), it.ptr()->refCount()));
+    for (auto it = t.adjIndexToViaSetIteratorConst(); it; ++it)
+        out.push_back(text("viaSet", it.key(), it.value()));
+    for (auto it = t.adjacencyIteratorConst(); it; ++it)
+        out.push_back(text("adjacency", it.key(), it.ptr()->index(), it.ptr()->refCount()));
+    return out;
+}
+
+// Counts the table changes it hears; while it listens, the sync adopts route by route.
+struct Listener : Ridge::Status::NotifieeConst {
+    std::vector<std::string> heard;
+    void onViaSetToAdjacency(ViaSet const&) override { heard.push_back("byViaSet"); }
+    void onAdjIndexToViaSet(U64 const& k) override { heard.push_back("viaSet " + std::to_string(k)); }
+    void onAdjacency(U64 const& k) override { heard.push_back("adjacency " + std::to_string(k)); }
+};
+
+// Nobody listening and tracing off, the sync adopts in bulk; a listener sees it adopt route
+// by route. Both must leave the same tables: counts, equal via sets in different FECs (the
+// via-set table names the adjacency made last), indices whose hashes tie, routes on missing
+// FECs and on the drop FEC, a second sync on top of the first, and FEC tables where few or
+// most FECs are named.
+TEST(SyncRoutesTest, AdoptionInBulkLeavesWhatRouteByRouteAdoptionLeaves) {
+    unsigned const seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 rng(seed);
+    for (U32 const unnamed : {0u, 3000u}) {
+        SCOPED_TRACE("FECs no route names: " + std::to_string(unnamed));
+        Prefix prefix;
+        auto fib = Strata::Fib::ForwardingStatus::writer(prefix.str(),
+                                                         Strata::FecCapacity::forFecs(8192));
+        auto routes = Strata::Fib::RouteStatus::writer(prefix.str(), Strata::RouteCapacity{8192});
+        std::vector<U64> ids;
+        U64 const group = U64(Strata::Fib::nextHopGroupAdj_) << Strata::Fib::adjTypePos();
+        for (U64 i = 3; i < 400; ++i) {
+            ids.push_back(i);
+            if (i % 7 == 0) ids.push_back((U64(1) << 32) | (i ^ 1)); // hashes like i
+            if (i % 11 == 0) ids.push_back(group | i);
+        }
+        auto fecOf = [&](U64 id) {
+            Strata::Fib::Fec fec{FecId(id)};
+            // Few distinct vias: equal via sets in different FECs, repeated vias in one.
+            for (U32 v = 0, n = rng() % 4; v < n; ++v)
+                fec.viaIs(ViaIndex(v), via4(1 + rng() % 3, 1 + rng() % 2));
+            fec.nexthopGroupIdIs(U16(rng() % 2));
+            fec.fecTypeIs(rng() % 2 ? Strata::Fib::forward_ : Strata::Fib::attached_);
+            fib->fecIs(fec);
+        };
+        for (U64 id : ids) fecOf(id);
+        for (U32 i = 0; i < unnamed; ++i) fecOf(100000 + i);
+        RouteType const types[] = {RouteType::kernel_, RouteType::attached_, RouteType::ebgp_,
+                                   RouteType::receive_, RouteType::nexthopGroup_,
+                                   RouteType::receiveBcast_};
+        for (U32 r = 0; r < 3000; ++r) {
+            U64 fec = ids[rng() % ids.size()];
+            if (r % 50 == 0) fec = 1;           // the drop FEC
+            if (r % 70 == 0) fec = 5000 + r;    // no such FEC
+            routes->routeIs(Strata::Fib::Route(Velnet::Prefix(Velnet::IpAddr(0x0B000000u + (r << 8)), 24),
+                                               FecId(fec), types[rng() % 6]));
+        }
+        auto helper = [&](char const* name) {
+            auto h = Ridge::adjacencyHelperFactory(name);
+            wire(h, routes, fib, Ridge::statusFactory(name), Ridge::adjIndexAllocatorFactory(name));
+            return h;
+        };
+        auto bulk = helper("bulk");
+        auto literal = helper("literal");
+        Kal::Ptr<Listener> const listener = new Listener;
+        listener->notifierIs(literal->ridgeStatus());
+        listener->hasNotificationActiveIs(true);
+        for (int round = 1; round <= 2; ++round) {
+            SCOPED_TRACE("sync " + std::to_string(round));
+            bulk->doSyncRoutes();
+            literal->doSyncRoutes();
+            Strings const built = contents(*bulk->ridgeStatus());
+            ASSERT_EQ(built, contents(*literal->ridgeStatus()));
+            EXPECT_GT(built.size(), 3 * 300u);
+            EXPECT_EQ(bulk->adjIndexAllocator()->adjIndex(), literal->adjIndexAllocator()->adjIndex());
+            for (auto it = bulk->ridgeStatus()->adjacencyIteratorConst(); it; ++it) {
+                EXPECT_EQ(bulk->ridgeStatus()->adjIndexToViaSet(it.key()),
+                          literal->ridgeStatus()->adjIndexToViaSet(it.key()));
+            }
+        }
+        // The listener heard each adjacency made, its three tables in their order.
+        ASSERT_GE(listener->heard.size(), 6u);
+        EXPECT_EQ(listener->heard[0], "byViaSet") << "the drop adjacency";
+        EXPECT_EQ(listener->heard[1], "viaSet 1");
+        EXPECT_EQ(listener->heard[2], "adjacency 1");
+        EXPECT_EQ(listener->heard[3], "byViaSet");
+        EXPECT_EQ(listener->heard[4].substr(0, 7), "viaSet ");
+        EXPECT_EQ(listener->heard[5], "adjacency " + listener->heard[4].substr(7));
+    }
 }
 
 TEST(AdjacencyHelperDeathTest, BrokenPreconditionsEndTheProcessWithTheirText) {

@@ -581,6 +581,9 @@ def emit_class(out, t):
         out("    Kal::String8 attributeString(Kal::AttributeId id) const override;")
         out()
     if not t.quiet:
+        out("    // Whether any notifiee listens now: a change nobody hears may be made in bulk.")
+        out("    bool kalHasNotifiees() const noexcept { return !kalNotifieeList_.empty(); }")
+        out()
         out("  protected:")
         out("    void kalNotifyZeroReferences() const override;")
         if t.kind == "entity":
