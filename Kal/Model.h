@@ -121,10 +121,11 @@ auto kalCollValue(Map const& m, K const& key) {
     return mem ? V(mem->fwkValue()) : V();
 }
 
-// Creates the member for (key, value) and files it; returns the new member.
+// Creates the member for (key, value) and files it; returns the new member. A key or value
+// given as an rvalue moves into the member.
 template <class Member, class Map, class K, class V>
-Member* kalCollNew(Map& m, K const& key, V const& value) {
-    Ptr<Member> mem = new Member(key, value);
+Member* kalCollNew(Map& m, K&& key, V&& value) {
+    Ptr<Member> mem = new Member(std::forward<K>(key), std::forward<V>(value));
     m.newMember(mem);
     return mem.ptr();
 }
@@ -142,6 +143,30 @@ void kalCollIs(Map& m, K const& key, V const& value, NewFn&& newX, NotifyFn&& no
     }
     if (mem->fwkValue() == value) return;
     if constexpr (IsPtr<V>::value) {
+        if (!value) {
+            m.deleteMember(mem);
+            notify(key);
+            return;
+        }
+    }
+    mem->fwkValueIs(value);
+    notify(key);
+}
+
+// The write rule for a key and value the caller gives up: a new member takes both over
+// instead of copies (a value type's copy is a new set of members). notify(key) notifies.
+template <class Member, class Map, class K, class V, class NotifyFn>
+void kalCollIsMoved(Map& m, K&& key, V&& value, NotifyFn&& notify) {
+    auto* mem = m[key];
+    if (!mem) {
+        if constexpr (IsPtr<std::remove_cvref_t<V>>::value) {
+            if (!value) return;
+        }
+        notify(kalCollNew<Member>(m, std::move(key), std::move(value))->fwkKey());
+        return;
+    }
+    if (mem->fwkValue() == value) return;
+    if constexpr (IsPtr<std::remove_cvref_t<V>>::value) {
         if (!value) {
             m.deleteMember(mem);
             notify(key);

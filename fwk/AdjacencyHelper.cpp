@@ -342,62 +342,80 @@ template <class T> class BulkAdoption {
     }
 
   private:
-    // Per FEC id: the routes that name it, and the rank of its first appearance.
+    // Per FEC id: the routes that name it, and the rank of its first appearance. Ids below
+    // a limit (the allocator's indices of a table of this size, the usual case) are counted
+    // in an array by id, the rest in a hash table; both stay small enough to stay cached.
     class RouteTally {
       public:
         struct Entry {
-            U64 id;
-            U32 count; // 0: a free slot
+            U32 count; // 0: not named
             U32 first;
         };
         static constexpr U32 taken = 0xFFFFFFFF; // `first` of an id that has its adjacency
 
-        // Room for `ids` ids at most half full.
-        explicit RouteTally(U32 ids) {
-            while ((std::size_t(1) << (64 - shift_)) < std::size_t(ids) * 2)
+        // Room for `ids` distinct ids.
+        explicit RouteTally(U32 ids) : dense_(std::size_t(ids) * 2 + 16) {
+            while ((std::size_t(1) << (64 - shift_)) < std::size_t(ids) / 4)
                 --shift_;
             slots_.resize(std::size_t(1) << (64 - shift_));
         }
 
         bool bump(U64 id) {
-            Entry &e = slot(id);
-            if (e.count++)
+            Entry *e;
+            if (id < dense_.size()) {
+                e = &dense_[std::size_t(id)];
+            } else {
+                Slot &s = slot(id);
+                s.id = id;
+                e = &s.entry;
+            }
+            if (e->count++)
                 return false;
-            e.id = id;
-            e.first = distinct_++;
-            if (distinct_ > slots_.size() / 4 * 3)
+            e->first = distinct_++;
+            if (id >= dense_.size() && ++hashed_ > slots_.size() / 2)
                 grow();
             return true;
         }
         Entry *find(U64 id) {
-            Entry &e = slot(id);
-            return e.count ? &e : nullptr;
+            Entry *e = id < dense_.size() ? &dense_[std::size_t(id)] : &slot(id).entry;
+            return e->count ? e : nullptr;
         }
-        void prefetch(U64 id) const { __builtin_prefetch(&slots_[place(id)]); }
+        void prefetch(U64 id) const {
+            if (id < dense_.size())
+                __builtin_prefetch(&dense_[std::size_t(id)]);
+            else
+                __builtin_prefetch(&slots_[place(id)]);
+        }
 
       private:
+        struct Slot {
+            U64 id;
+            Entry entry;
+        };
         std::size_t place(U64 id) const {
             return std::size_t((id * 0x9E3779B97F4A7C15ull) >> shift_);
         }
-        Entry &slot(U64 id) {
+        Slot &slot(U64 id) {
             std::size_t i = place(id);
-            while (slots_[i].count && slots_[i].id != id)
+            while (slots_[i].entry.count && slots_[i].id != id)
                 i = (i + 1) & (slots_.size() - 1);
             return slots_[i];
         }
         void grow() {
-            std::vector<Entry> old(slots_.size() * 2);
+            std::vector<Slot> old(slots_.size() * 2);
             old.swap(slots_);
             --shift_;
-            for (Entry const &e : old) {
-                if (e.count)
-                    slot(e.id) = e;
+            for (Slot const &s : old) {
+                if (s.entry.count)
+                    slot(s.id) = s;
             }
         }
 
-        std::vector<Entry> slots_;
-        unsigned shift_ = 64 - 10;
+        std::vector<Entry> dense_;
+        std::vector<Slot> slots_;
+        unsigned shift_ = 64 - 4;
         U32 distinct_ = 0;
+        std::size_t hashed_ = 0;
     };
 
     // A FEC to adopt, as read: its vias are vias_[vias, vias + viaCount).
@@ -516,15 +534,16 @@ template <class T> class BulkAdoption {
         Rank rank(fresh_.size());
         for (U32 i = 0; i < fresh_.size(); ++i)
             rank[i] = {IndexMap::hashOf(fresh_[i].id), i};
+        // Each via set is made twice, once for each table that holds one, and moved in.
         inRankOrder(rank, [&](Fresh &f) {
-            auto const viaSet = viaSetOf(f);
+            auto viaSet = viaSetOf(f);
             f.viaSetHash = ViaSetMap::hashOf(viaSet);
-            Adjacency::Ptr const adj = new Adjacency;
+            Adjacency::Ptr adj = new Adjacency;
             adj->indexIs(f.id);
             adj->refCountIs(f.count);
-            tables_.adjIndexToViaSetIs(f.id, viaSet);
-            tables_.adjacencyIs(f.id, adj);
             f.adj = adj.ptr();
+            tables_.adjIndexToViaSetIs(f.id, std::move(viaSet));
+            tables_.adjacencyIs(f.id, std::move(adj));
         });
         // The via-set table in first-appearance order within equal hashes: the sort is
         // stable, so the records go in in that order.

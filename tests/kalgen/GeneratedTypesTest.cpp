@@ -97,6 +97,11 @@ TEST_F(GeneratedTypes, PlainSettersCompareFirstAndNotifyOnChange) {
     tree_->isNondestructingIs(true);
     EXPECT_EQ(calls(), (Calls{"owner", "nondestructing"}));
     tree_->isNondestructingIs(false);
+    // Whether anyone listens follows registration.
+    EXPECT_TRUE(tree_->kalHasNotifiees());
+    log_->hasNotificationActiveIs(false);
+    EXPECT_FALSE(tree_->kalHasNotifiees());
+    log_->hasNotificationActiveIs(true);
 
     // The counters of a quiet entity wrap silently.
     Kal::Ptr<Leaf> leaf = new Leaf("l");

@@ -435,8 +435,8 @@ def member_class(out, t, a):
     out(f"    // A member of {a.name}: its key, its value and the chain link.")
     out(f"    class {m} : public Kal::PtrInterface {{")
     out("      public:")
-    out(f"        {m}({key} const& key, {val} const& value) : kal_index_(key), "
-        f"{a.name}_(value) {{}}")
+    out(f"        {m}({key} key, {val} value) : kal_index_(std::move(key)), "
+        f"{a.name}_(std::move(value)) {{}}")
     out(f"        {m}({m} const& o) : Kal::PtrInterface(o), kal_index_(o.kal_index_), "
         f"{a.name}_(o.{a.name}_) {{}}")
     out(f"        {key} const& fwkKey() const noexcept {{ return kal_index_; }}")
@@ -687,6 +687,8 @@ def emit_accessors(out, t, a):
             out(f"    void {n}Del({key} key);")
         else:
             out(f"    void {n}Is({key} key, {vt} const& value);")
+            out(f"    // The same for a value given up: a new member takes key and value over.")
+            out(f"    void {n}Is({cxx_type(a.key)} key, {vt}&& value);")
             ret = vt if a.is_ptr_value else f"{m}*"
             out(f"    {ret} new{cap}({key} key, {vt} const& value);")
             out(f"    void {n}Del({key} key);")
@@ -968,8 +970,12 @@ def attr_ops(t, a):
         if a.keyfield:
             return (f"Kal::kalCollOps<{T}, {cxx_type(a.key)}, {vt}, &{T}::kal{a.cap}, nullptr, "
                     f"nullptr, nullptr>()")
+        setter = f"&{T}::{a.name}Is"
+        if t.kind != "value":  # the copying one of the two setters
+            setter = (f"static_cast<void ({T}::*)({arg_type(a.key)}, {vt} const&)>("
+                      f"{setter})")
         return (f"Kal::kalCollOps<{T}, {cxx_type(a.key)}, {vt}, &{T}::kal{a.cap}, "
-                f"&{T}::{a.name}Is, &{T}::{a.name}Del, &{T}::{a.name}DelAll>()")
+                f"{setter}, &{T}::{a.name}Del, &{T}::{a.name}DelAll>()")
     if a.kind == "ordered":
         return (f"Kal::kalOrderedOps<{T}, {cxx_type(a.key)}, &{T}::kal{a.cap}, "
                 f"&{T}::{a.name}Del, &{T}::{a.name}DelAll>()")
@@ -1310,6 +1316,14 @@ def emit_accessor_impl(out, t, a):
                 out(f"                   [this]({key} key) {{ {n}Notify(key); }});")
             else:
                 out(f"                   []({key}) {{}});")
+            out("}")
+            out()
+            out(f"void {T}::{n}Is({cxx_type(a.key)} k, {vt}&& value) {{")
+            out(f"    Kal::kalCollIsMoved<{m}>({n}_, std::move(k), std::move(value),")
+            if ncall:
+                out(f"                             [this]({key} key) {{ {n}Notify(key); }});")
+            else:
+                out(f"                             []({key}) {{}});")
             out("}")
             out()
             ret = vt if a.is_ptr_value else f"{T}::{m}*"
