@@ -435,8 +435,10 @@ def member_class(out, t, a):
     out(f"    // A member of {a.name}: its key, its value and the chain link.")
     out(f"    class {m} : public Kal::PtrInterface {{")
     out("      public:")
-    out(f"        {m}({key} key, {val} value) : kal_index_(std::move(key)), "
-        f"{a.name}_(std::move(value)) {{}}")
+    out("        // Key and value are copied, or moved when given as rvalues.")
+    out("        template <class K, class V>")
+    out(f"        {m}(K&& key, V&& value) : kal_index_(std::forward<K>(key)), "
+        f"{a.name}_(std::forward<V>(value)) {{}}")
     out(f"        {m}({m} const& o) : Kal::PtrInterface(o), kal_index_(o.kal_index_), "
         f"{a.name}_(o.{a.name}_) {{}}")
     out(f"        {key} const& fwkKey() const noexcept {{ return kal_index_; }}")
