@@ -25,7 +25,6 @@
 #include <cstddef>
 #include <ios>
 #include <optional>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -37,6 +36,7 @@ namespace {
 
 struct V4 {
     using Helper = AdjacencyHelper;
+    using Tables = Status;
     using ViaSetT = ViaSet;
     using Via = Strata::Fib::Via;
     using Fec = Strata::Fib::Fec;
@@ -67,6 +67,7 @@ struct V4 {
 
 struct V6 {
     using Helper = Adjacency6Helper;
+    using Tables = Status6;
     using ViaSetT = Via6Set;
     using Via = Strata::Fib6::Via;
     using Fec = Strata::Fib6::Fec;
@@ -529,8 +530,8 @@ template <class T> class BulkAdoption {
     }
 
     void file() {
-        using IndexMap = std::remove_cvref_t<decltype(tables_.kalAdjacency())>;
-        using ViaSetMap = std::remove_cvref_t<decltype(tables_.kalViaSetToAdjacency())>;
+        using IndexMap = typename T::Tables::KalAdjacencyMap;
+        using ViaSetMap = typename T::Tables::KalViaSetToAdjacencyMap;
         Rank rank(fresh_.size());
         for (U32 i = 0; i < fresh_.size(); ++i)
             rank[i] = {IndexMap::hashOf(fresh_[i].id), i};
@@ -561,7 +562,7 @@ template <class T> class BulkAdoption {
     }
 
     typename T::Helper &h_;
-    std::remove_cvref_t<decltype(*std::declval<typename T::Helper &>().ridgeStatus())> &tables_;
+    typename T::Tables &tables_;
     RouteTally tally_;
     std::vector<U64> order_; // ids in order of first appearance
     std::vector<Fresh> fresh_;
