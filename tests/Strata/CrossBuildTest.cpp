@@ -10,8 +10,6 @@
 // (only ever needed after a deliberate layout change, which also bumps the layout version).
 #include "StrataTestSupport.h"
 
-#include "Strata/StrataLayout.h"
-
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -26,13 +24,6 @@ using strata_test::TablePrefix;
 
 std::string const dataDir = STRATA_TEST_DATA;
 char const* const suffixes[] = {"fib4-fec", "fib6-fec", "fib4-route", "fib6-route"};
-
-Strata::FecCapacity referenceFecCapacity() {
-    Strata::FecCapacity c;
-    c.maxFecs = 8;
-    c.classFecs = {4, 4, 2, 2, 1, 1, 1, 1};
-    return c;
-}
 
 // What the sequence leaves in each table.
 struct Reference {
@@ -55,99 +46,91 @@ std::unique_ptr<FecT> referenceFec(U64 id, U32 vias, U32 hole = 999) {
 // The fixed sequence: FECs of several sizes (one with a hole, one through the direct-write
 // slot), a replacement into another class, deletions; routes likewise.
 template <class Table>
-void writeFecs(Table& t, std::map<U64, std::unique_ptr<typename Table::Fec>>& model) {
+void writeFecs(std::string const& prefix,
+               std::map<U64, std::unique_ptr<typename Table::Fec>>& model) {
     using FecT = typename Table::Fec;
+    Strata::FecCapacity cap;
+    cap.maxFecs = 8;
+    cap.classFecs = {4, 4, 2, 2, 1, 1, 1, 1};
+    auto t = Table::writer(prefix, cap);
     auto put = [&](std::unique_ptr<FecT> f) {
-        t.fecIs(*f);
+        t->fecIs(*f);
         U64 const id = f->fecId().value();
         model[id] = std::move(f);
     };
-    FecT drop{FecId(Strata::Fib::ipv4DropFecId_)};
-    drop.fecTypeIs(Strata::Fib::drop_);
-    put(std::make_unique<FecT>(drop));
+    auto drop = std::make_unique<FecT>(FecId(Strata::Fib::ipv4DropFecId_));
+    drop->fecTypeIs(Strata::Fib::drop_);
+    put(std::move(drop));
     put(referenceFec<FecT>(3, 1));
     put(referenceFec<FecT>(4, 2));
     put(referenceFec<FecT>(5, 4, 1));
     put(referenceFec<FecT>(6, 128));
     put(referenceFec<FecT>(7, 9));
     put(referenceFec<FecT>(4, 40)); // moves to another class
-    t.fecDel(FecId(3));
+    t->fecDel(FecId(3));
     model.erase(3);
-    FecT* slot = t.fecDirectWrite(FecId::fromAdjType(Strata::Fib::nextHopGroupAdj_, 7));
+    FecT* slot = t->fecDirectWrite(FecId::fromAdjType(Strata::Fib::nextHopGroupAdj_, 7));
     *slot = *referenceFec<FecT>(slot->fecId().value(), 3);
     model[slot->fecId().value()] = std::make_unique<FecT>(*slot);
-    t.fecCommit(slot);
+    t->fecCommit(slot);
 }
 
 void writeReference(std::string const& prefix, Reference& ref) {
-    auto f4 = Strata::Fib::ForwardingStatus::writer(prefix, referenceFecCapacity());
-    auto f6 = Strata::Fib6::ForwardingStatus::writer(prefix, referenceFecCapacity());
+    writeFecs<Strata::Fib::ForwardingStatus>(prefix, ref.fecs4);
+    writeFecs<Strata::Fib6::ForwardingStatus>(prefix, ref.fecs6);
     auto r4 = Strata::Fib::RouteStatus::writer(prefix, Strata::RouteCapacity{6});
     auto r6 = Strata::Fib6::RouteStatus::writer(prefix, Strata::RouteCapacity{6});
-    writeFecs(*f4, ref.fecs4);
-    writeFecs(*f6, ref.fecs6);
-    for (U32 k = 0; k < 5; ++k) {
-        Strata::Fib::Route const r(Velnet::Prefix(Velnet::IpAddr(10, U8(k), 0, 0), 16 + k), FecId(40 + k),
-                                   Routing::Fib::RouteType(k * 4));
+    auto put4 = [&](Strata::Fib::Route const& r) {
         r4->routeIs(r);
         ref.routes4[r.prefix()] = r;
-        Strata::Fib6::Route const r6x(Velnet::Ip6Prefix(Velnet::Ip6Addr(0x2001, 0xdb8, U16(k), 0, 0, 0, 0, 0), 48),
-                                      FecId(U64(k) << 40 | 7), Routing6::Fib::RouteType(k * 3));
-        r6->routeIs(r6x);
-        ref.routes6[r6x.prefix()] = r6x;
+    };
+    for (U32 k = 0; k < 5; ++k) {
+        put4(Strata::Fib::Route(Velnet::Prefix(Velnet::IpAddr(10, U8(k), 0, 0), 16 + k),
+                                FecId(40 + k), Routing::Fib::RouteType(k * 4)));
+        Velnet::Ip6Prefix const p6(Velnet::Ip6Addr(0x2001, 0xdb8, U16(k), 0, 0, 0, 0, 0), 48);
+        Strata::Fib6::Route const r(p6, FecId(U64(k) << 40 | 7), Routing6::Fib::RouteType(k * 3));
+        r6->routeIs(r);
+        ref.routes6[r.prefix()] = r;
     }
     r4->routeDel(Velnet::Prefix(Velnet::IpAddr(10, 2, 0, 0), 18));
     ref.routes4.erase(Velnet::Prefix(Velnet::IpAddr(10, 2, 0, 0), 18));
-    Strata::Fib::Route const changed(Velnet::Prefix(Velnet::IpAddr(10, 1, 0, 0), 17), FecId(99),
-                                     Routing::Fib::nexthopGroup_);
-    r4->routeIs(changed);
-    ref.routes4[changed.prefix()] = changed;
+    put4(Strata::Fib::Route(Velnet::Prefix(Velnet::IpAddr(10, 1, 0, 0), 17), FecId(99),
+                            Routing::Fib::nexthopGroup_));
 }
 
 template <class Table, class Model>
-void expectFecs(Table const& t, Model const& model) {
-    EXPECT_EQ(t.fecs(), model.size());
+void expectFecs(std::string const& prefix, Strata::Access access, Model const& model) {
+    typename Table::Ptr t = new Table("f");
+    t->attach(prefix, access);
+    EXPECT_EQ(t->fecs(), model.size());
     for (auto const& [id, f] : model) {
-        auto got = t.fec(FecId(id));
+        auto got = t->fec(FecId(id));
         ASSERT_TRUE(got.has_value()) << id;
         EXPECT_EQ(*got, *f) << id;
     }
     U32 n = 0;
-    for (auto it = t.fecIteratorConst(); it; ++it, ++n) EXPECT_EQ(*it, *model.at(it.key().value()));
+    for (auto it = t->fecIteratorConst(); it; ++it, ++n) {
+        EXPECT_EQ(*it, *model.at(it.key().value()));
+    }
     EXPECT_EQ(n, model.size());
+    if (access == Strata::Access::writer_) {
+        t->validate();
+        // And the table takes more changes.
+        t->fecDel(FecId(4));
+        t->fecIs(*referenceFec<typename Table::Fec>(8, 2));
+        t->validate();
+    }
 }
 
 template <class Table, class Model>
-void expectRoutes(Table const& t, Model const& model) {
+void expectRoutes(std::string const& prefix, Strata::Access access, Model const& model) {
+    typename Table::Ptr t = new Table("r");
+    t->attach(prefix, access);
     Model walked;
-    for (auto it = t.routeIteratorConst(); it; ++it) walked.emplace(it.key(), *it);
+    for (auto it = t->routeIteratorConst(); it; ++it) walked.emplace(it.key(), *it);
     EXPECT_EQ(walked, model);
-    EXPECT_EQ(t.routes(), model.size());
-}
-
-void expectReference(std::string const& prefix, Reference const& ref, Strata::Access access) {
-    Strata::Fib::ForwardingStatus::Ptr f4 = new Strata::Fib::ForwardingStatus("f4");
-    Strata::Fib6::ForwardingStatus::Ptr f6 = new Strata::Fib6::ForwardingStatus("f6");
-    Strata::Fib::RouteStatus::Ptr r4 = new Strata::Fib::RouteStatus("r4");
-    Strata::Fib6::RouteStatus::Ptr r6 = new Strata::Fib6::RouteStatus("r6");
-    f4->attach(prefix, access);
-    f6->attach(prefix, access);
-    r4->attach(prefix, access);
-    r6->attach(prefix, access);
-    expectFecs(*f4, ref.fecs4);
-    expectFecs(*f6, ref.fecs6);
-    expectRoutes(*r4, ref.routes4);
-    expectRoutes(*r6, ref.routes6);
-    if (access == Strata::Access::writer_) {
-        f4->validate();
-        f6->validate();
-        r4->validate();
-        r6->validate();
-        // And the table takes more changes.
-        f4->fecDel(FecId(4));
-        f4->fecIs(*referenceFec<Strata::Fib::Fec>(8, 2));
-        f4->validate();
-    }
+    EXPECT_EQ(t->routes(), model.size());
+    if (access == Strata::Access::writer_) t->validate();
 }
 
 // Blanks the header fields that differ between any two makings of the same table.
@@ -200,8 +183,12 @@ TEST(StrataCrossBuildTest, CommittedReferenceFilesReadBack) {
         ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), ssize_t(bytes.size()));
         ::close(fd);
     }
-    expectReference(prefix, ref, Strata::Access::reader_);
-    expectReference(prefix, ref, Strata::Access::writer_);
+    for (auto access : {Strata::Access::reader_, Strata::Access::writer_}) {
+        expectFecs<Strata::Fib::ForwardingStatus>(prefix, access, ref.fecs4);
+        expectFecs<Strata::Fib6::ForwardingStatus>(prefix, access, ref.fecs6);
+        expectRoutes<Strata::Fib::RouteStatus>(prefix, access, ref.routes4);
+        expectRoutes<Strata::Fib6::RouteStatus>(prefix, access, ref.routes6);
+    }
 }
 
 } // namespace

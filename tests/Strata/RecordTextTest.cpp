@@ -46,60 +46,44 @@ TEST(StrataRecordTextTest, EveryRecordTypeIsRegisteredUnderItsQualifiedName) {
     EXPECT_EQ(Kal::kalTypeOf<Strata::Fib::ViaIndex>().constraint("max"), Kal::String8("127"));
 }
 
-TEST(StrataRecordTextTest, ViasPrintQuotedAndReadBack) {
-    Strata::Fib::Via const v(Velnet::IpAddr(10, 0, 0, 1), IntfId(IntfKind::ethernet_, 5));
-    EXPECT_EQ(Kal::valueToStrep(v), Kal::String8("'10.0.0.1%Ethernet5'"));
-    EXPECT_EQ(Kal::strepToValue<Strata::Fib::Via>("'10.0.0.1%Ethernet5'"), v);
-    Strata::Fib6::Via const w(Velnet::Ip6Addr(0x2001, 0xdb8, 0, 0, 0, 0, 0, 1),
-                              IntfId(IntfKind::ethernet_, 5), 16);
-    EXPECT_EQ(Kal::valueToStrep(w), Kal::String8("'2001:db8::1%Ethernet5 label 16'"));
-    EXPECT_EQ(Kal::strepToValue<Strata::Fib6::Via>(Kal::valueToStrep(w)), w);
-    EXPECT_EQ(parseError([] { Kal::strepToValue<Strata::Fib::Via>("'10.0.0.1'"); }),
-              "invalid Strata::Fib::Via '10.0.0.1': expected <hop>%<interface>");
-    EXPECT_EQ(parseError([] { Kal::strepToValue<Strata::Fib::Via>("'10.0.0.1%Ethernet1"); }),
-              "premature end of value type Via");
-    EXPECT_EQ(parseError([] { Kal::strepToValue<Strata::Fib::Via>("'1.1.1.1%Ethernet1' x"); }),
-              "junk at column 19 deserializing '1.1.1.1%Ethernet1' x");
+// v prints as `text` (one line) and reads back from it.
+template <class T>
+void expectText(T const& v, std::string const& text) {
+    EXPECT_EQ(Kal::valueToStrep(v).stringValue(), text);
+    EXPECT_TRUE(Kal::strepToValue<T>(text) == v) << text;
 }
 
-TEST(StrataRecordTextTest, FecIdAndRoutePrintAsRecords) {
-    EXPECT_EQ(Kal::valueToStrep(FecId(42)),
-              Kal::String8("Value('Strata::Fib::FecId', ** {'value': 42})"));
+TEST(StrataRecordTextTest, RecordsPrintAsValuesAndReadBack) {
+    // Vias in quotes; the other records as values of their type, with every attribute.
+    expectText(Strata::Fib::Via(Velnet::IpAddr(10, 0, 0, 1), IntfId(IntfKind::ethernet_, 5)),
+               "'10.0.0.1%Ethernet5'");
+    expectText(Strata::Fib6::Via(Velnet::Ip6Addr(0x2001, 0xdb8, 0, 0, 0, 0, 0, 1),
+                                 IntfId(IntfKind::ethernet_, 5), 16),
+               "'2001:db8::1%Ethernet5 label 16'");
+    expectText(FecId(42), "Value('Strata::Fib::FecId', ** {'value': 42})");
     Strata::Fib::Route const r(Velnet::Prefix::fromString("10.0.0.0/24"), FecId(42),
                                Routing::Fib::connected_);
-    EXPECT_EQ(Kal::valueToStrep(r),
-              Kal::String8("Value('Strata::Fib::Route', ** {'prefix': '10.0.0.0/24', 'fecId': "
-                           "Value('Strata::Fib::FecId', ** {'value': 42}), 'routeType': 7})"));
+    expectText(r, "Value('Strata::Fib::Route', ** {'prefix': '10.0.0.0/24', 'fecId': "
+                  "Value('Strata::Fib::FecId', ** {'value': 42}), 'routeType': 7})");
     std::ostringstream os;
     os << r;
     EXPECT_EQ(os.str(), Kal::valueToStrep(r).stringValue());
-    EXPECT_EQ(Kal::strepToValue<Strata::Fib::Route>(Kal::valueToStrep(r)), r);
+    expectText(Strata::Fib6::Route(Velnet::Ip6Prefix::fromString("2001:db8::/32"),
+                                   FecId(U64(1) << 60), Routing6::Fib::unknown_),
+               "Value('Strata::Fib6::Route', ** {'prefix': '2001:db8::/32', 'fecId': "
+               "Value('Strata::Fib::FecId', ** {'value': 1152921504606846976}), 'routeType': 13})");
 
-    Strata::Fib6::Route const r6(Velnet::Ip6Prefix::fromString("2001:db8::/32"), FecId(U64(1) << 60),
-                                 Routing6::Fib::unknown_);
-    EXPECT_EQ(Kal::valueToStrep(r6),
-              Kal::String8("Value('Strata::Fib6::Route', ** {'prefix': '2001:db8::/32', 'fecId': "
-                           "Value('Strata::Fib::FecId', ** {'value': 1152921504606846976}), "
-                           "'routeType': 13})"));
-    EXPECT_EQ(Kal::strepToValue<Strata::Fib6::Route>(Kal::valueToStrep(r6)), r6);
-}
-
-TEST(StrataRecordTextTest, FecPrintsItsViaPositions) {
+    // A FEC lists the positions that hold a via, ascending.
     auto f = std::make_unique<Strata::Fib::Fec>(FecId(7));
-    EXPECT_EQ(Kal::valueToStrep(*f),
-              Kal::String8("Value('Strata::Fib::Fec', ** {'fecId': Value('Strata::Fib::FecId', "
-                           "** {'value': 7}), 'fecType': 0, 'nexthopGroupId': 65535, 'via': {}})"));
-    f->viaIs(0, Strata::Fib::Via(Velnet::IpAddr(10, 0, 0, 1), IntfId(IntfKind::ethernet_, 1)));
+    expectText(*f, "Value('Strata::Fib::Fec', ** {'fecId': Value('Strata::Fib::FecId', "
+                   "** {'value': 7}), 'fecType': 0, 'nexthopGroupId': 65535, 'via': {}})");
     f->viaIs(3, Strata::Fib::Via(Velnet::IpAddr(10, 0, 0, 4), IntfId(IntfKind::ethernet_, 4), 3));
+    f->viaIs(0, Strata::Fib::Via(Velnet::IpAddr(10, 0, 0, 1), IntfId(IntfKind::ethernet_, 1)));
     f->fecTypeIs(Strata::Fib::nextHopGroup_);
     f->nexthopGroupIdIs(12);
-    EXPECT_EQ(Kal::valueToStrep(*f),
-              Kal::String8("Value('Strata::Fib::Fec', ** {'fecId': Value('Strata::Fib::FecId', "
-                           "** {'value': 7}), 'fecType': 5, 'nexthopGroupId': 12, 'via': "
-                           "{0: '10.0.0.1%Ethernet1', 3: '10.0.0.4%Ethernet4 label 3'}})"));
-    auto back = std::make_unique<Strata::Fib::Fec>();
-    *back = Kal::strepToValue<Strata::Fib::Fec>(Kal::valueToStrep(*f));
-    EXPECT_EQ(*back, *f);
+    expectText(*f, "Value('Strata::Fib::Fec', ** {'fecId': Value('Strata::Fib::FecId', "
+                   "** {'value': 7}), 'fecType': 5, 'nexthopGroupId': 12, 'via': "
+                   "{0: '10.0.0.1%Ethernet1', 3: '10.0.0.4%Ethernet4 label 3'}})");
 }
 
 TEST(StrataRecordTextTest, FecTextRoundTripsForRandomFecs) {
@@ -122,35 +106,44 @@ TEST(StrataRecordTextTest, FecTextRoundTripsForRandomFecs) {
     }
 }
 
+template <class T>
+std::string parseAs(std::string const& text) {
+    return parseError([&] { Kal::strepToValue<T>(text); });
+}
+
 TEST(StrataRecordTextTest, BadRecordTextIsRefusedWithItsReason) {
-    std::string const head = "Value('Strata::Fib::Fec', ** {'via': {";
-    std::string m = parseError([&] {
-        Kal::strepToValue<Strata::Fib::Fec>(head + "128: '1.1.1.1%Ethernet1'}})");
-    });
-    EXPECT_EQ(m.rfind("ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed", 0), 0u) << m;
-    m = parseError([&] {
-        Kal::strepToValue<Strata::Fib::Fec>(head + "1: '1.1.1.1%Ethernet1', 1: '1.1.1.2%Ethernet1'}})");
-    });
-    EXPECT_EQ(m.rfind("duplicate via position 1", 0), 0u) << m;
-    m = parseError([&] { Kal::strepToValue<Strata::Fib::Fec>(head + "0: '1.1.1.1'}})"); });
-    EXPECT_EQ(m.rfind("invalid Strata::Fib::Via '1.1.1.1'", 0), 0u) << m;
-    EXPECT_EQ(parseError([] {
-                  Kal::strepToValue<Strata::Fib::Route>("Value('Strata::Fib::Route', ** {'hop': 1})");
-              }),
-              "Route has no such attribute: hop");
-    EXPECT_EQ(parseError([] {
-                  Kal::strepToValue<Strata::Fib::Route>("Value('Strata::Fib::Route', ** {'fecId': ");
-              }),
-              "premature end of value type Route");
-    m = parseError([] {
-        Kal::strepToValue<Strata::Fib::Route>(
-            "Value('Strata::Fib::Route', ** {'prefix': '10.0.0.1/24'})");
-    });
-    EXPECT_NE(m.find("invalid IPv4 prefix '10.0.0.1/24'"), std::string::npos) << m;
-    m = parseError([] { Kal::strepToValue<FecId>("Value('Strata::Fib::FecId', ** {'value': -1})"); });
-    EXPECT_NE(m.find("expected U64"), std::string::npos) << m;
-    m = parseError([] { Kal::strepToValue<Strata::Fib::ViaIndex>("128"); });
-    EXPECT_EQ(m, "ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed");
+    using Strata::Fib::Fec;
+    using Strata::Fib::Route;
+    using Strata::Fib::Via;
+    std::string const fec = "Value('Strata::Fib::Fec', ** {'via': {";
+    std::string const route = "Value('Strata::Fib::Route', ** {";
+    struct Case {
+        std::string text;
+        std::string (*parse)(std::string const&);
+        char const* message; // how the message starts
+    };
+    for (Case const& c : {
+             Case{"'10.0.0.1'", parseAs<Via>,
+                  "invalid Strata::Fib::Via '10.0.0.1': expected <hop>%<interface>"},
+             Case{"'10.0.0.1%Ethernet1", parseAs<Via>, "premature end of value type Via"},
+             Case{"'1.1.1.1%Ethernet1' x", parseAs<Via>,
+                  "junk at column 19 deserializing '1.1.1.1%Ethernet1' x"},
+             Case{fec + "128: '1.1.1.1%Ethernet1'}})", parseAs<Fec>,
+                  "ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed"},
+             Case{fec + "1: '1.1.1.1%Ethernet1', 1: '1.1.1.2%Ethernet1'}})", parseAs<Fec>,
+                  "duplicate via position 1"},
+             Case{fec + "0: '1.1.1.1'}})", parseAs<Fec>, "invalid Strata::Fib::Via '1.1.1.1'"},
+             Case{route + "'hop': 1})", parseAs<Route>, "Route has no such attribute: hop"},
+             Case{route + "'fecId': ", parseAs<Route>, "premature end of value type Route"},
+             Case{route + "'prefix': '10.0.0.1/24'})", parseAs<Route>,
+                  "invalid IPv4 prefix '10.0.0.1/24'"},
+             Case{"Value('Strata::Fib::FecId', ** {'value': -1})", parseAs<FecId>, "expected U64"},
+             Case{"128", parseAs<Strata::Fib::ViaIndex>,
+                  "ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed"},
+         }) {
+        std::string const m = c.parse(c.text);
+        EXPECT_EQ(m.rfind(c.message, 0), 0u) << c.text << ": " << m;
+    }
     EXPECT_EQ(Kal::strepToValue<Strata::Fib::ViaIndex>("127"), Strata::Fib::ViaIndex(127));
 }
 
@@ -168,7 +161,8 @@ TEST(StrataRecordTextTest, ReflectionReadsRecordAttributes) {
 
     auto f = std::make_unique<Strata::Fib::Fec>(FecId(1));
     f->viaIs(4, Strata::Fib::Via(Velnet::IpAddr(1, 1, 1, 1), IntfId(IntfKind::ethernet_, 2)));
-    Kal::Ptr<Kal::GenericIf> fi = new Kal::GenericIf(Kal::kalTypeOf<Strata::Fib::Fec>(), f.get(), true);
+    Kal::Ptr<Kal::GenericIf> fi =
+        new Kal::GenericIf(Kal::kalTypeOf<Strata::Fib::Fec>(), f.get(), true);
     Kal::AttributeId const via = fi->attributeId("via");
     fi->attributeOp(Kal::GenericIf::opOf(via, Kal::GenericIf::size_), {}, v);
     EXPECT_EQ(v.as<U32>("size"), 1u);

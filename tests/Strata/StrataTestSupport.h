@@ -1,19 +1,23 @@
 // Helpers shared by the Strata table tests: unique table prefixes whose files are removed at
-// the end of the test, the path of the helper program that plays other processes, and
-// running it.
+// the end of the test, the helper program that plays other processes, the error a call
+// raises, self-checking FECs, and a table file mapped writable to damage it or to leave it
+// as a dead writer would.
 #pragma once
 
 #include "Strata/Strata.h"
+#include "Strata/StrataLayout.h"
 #include "helper/SelfCheck.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -59,9 +63,21 @@ inline std::string readFile(std::string const& path) {
     return out;
 }
 
-inline std::string helperPath() { return STRATA_HELPER; }
+// The message of the E that f raises (and its id in *id); a marker text for anything else.
+template <class E, class F>
+std::string raised(F f, Strata::ExceptionId* id = nullptr) {
+    try {
+        f();
+    } catch (E const& e) {
+        if (id) *id = e.id();
+        return e.msg().stringValue();
+    } catch (std::exception const& e) {
+        return std::string("<other exception> ") + e.what();
+    }
+    return "<nothing raised>";
+}
 
-// Starts the helper with these arguments; its stdout goes to `out` (a pipe) when asked for.
+// Starts the helper program with these arguments; its stdout goes to a pipe when asked for.
 inline pid_t spawnHelper(std::vector<std::string> const& args, int* stdoutFd = nullptr) {
     int pipeFds[2] = {-1, -1};
     if (stdoutFd && ::pipe(pipeFds) != 0) return -1;
@@ -72,9 +88,8 @@ inline pid_t spawnHelper(std::vector<std::string> const& args, int* stdoutFd = n
             ::close(pipeFds[0]);
             ::close(pipeFds[1]);
         }
-        std::vector<char*> argv;
-        std::string const path = helperPath();
-        argv.push_back(const_cast<char*>(path.c_str()));
+        std::string const path = STRATA_HELPER;
+        std::vector<char*> argv{const_cast<char*>(path.c_str())};
         for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
         argv.push_back(nullptr);
         ::execv(path.c_str(), argv.data());
@@ -126,5 +141,59 @@ inline Strata::FecCapacity smallFecCapacity(U32 maxFecs, U32 perClass) {
     c.classFecs.fill(perClass);
     return c;
 }
+
+// The self-checking IPv4 FEC k at version v (SelfCheck.h), off the stack.
+inline std::unique_ptr<Strata::Fib::Fec> fecVersion(U64 k, U32 v) {
+    auto f = std::make_unique<Strata::Fib::Fec>();
+    makeSelfCheckFec(k, v, *f);
+    return f;
+}
+
+// A table file mapped writable, to damage it or to put it into the state a dead writer leaves.
+class MappedFile {
+  public:
+    explicit MappedFile(std::string const& path) {
+        fd_ = ::open(path.c_str(), O_RDWR);
+        struct stat st {};
+        ::fstat(fd_, &st);
+        size_ = std::size_t(st.st_size);
+        void* p = ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
+        base_ = p == MAP_FAILED ? nullptr : static_cast<U8*>(p);
+        EXPECT_NE(base_, nullptr) << path;
+    }
+    ~MappedFile() {
+        if (base_) ::munmap(base_, size_);
+        ::close(fd_);
+    }
+    MappedFile(MappedFile const&) = delete;
+    MappedFile& operator=(MappedFile const&) = delete;
+
+    Strata::layout::FileHeader& header() {
+        return *reinterpret_cast<Strata::layout::FileHeader*>(base_);
+    }
+    // Makes the header's checksum fit what it holds now.
+    void reseal() { header().checksum = Strata::layout::headerChecksum(base_); }
+    Strata::layout::IndexEntry* index() {
+        return reinterpret_cast<Strata::layout::IndexEntry*>(base_ + header().indexOffset);
+    }
+    U32* slot(U32 cls, U32 slot) {
+        auto const& c = header().classes[cls];
+        return reinterpret_cast<U32*>(base_ + c.offset + U64(slot) * c.slotSize);
+    }
+    // The index entry holding this slot reference.
+    Strata::layout::IndexEntry& entryOf(U32 ref) {
+        for (U32 i = 0; i < header().indexEntries; ++i) {
+            if (index()[i].ref == ref) return index()[i];
+        }
+        ADD_FAILURE() << "reference " << ref << " not in the index";
+        return none_;
+    }
+
+  private:
+    int fd_ = -1;
+    std::size_t size_ = 0;
+    U8* base_ = nullptr;
+    Strata::layout::IndexEntry none_{};
+};
 
 } // namespace strata_test
