@@ -130,39 +130,17 @@ Member* kalCollNew(Map& m, K&& key, V&& value) {
     return mem.ptr();
 }
 
-// The write rule above. newX(key, value) inserts and notifies; notify(key) notifies.
+// The write rule above. newX(key, value) inserts and notifies; notify(key) notifies. A key
+// and value given as rvalues reach newX as rvalues, so that a new member can take them over
+// instead of copies (a value type's copy is a new set of members).
 template <class Map, class K, class V, class NewFn, class NotifyFn>
-void kalCollIs(Map& m, K const& key, V const& value, NewFn&& newX, NotifyFn&& notify) {
-    auto* mem = m[key];
-    if (!mem) {
-        if constexpr (IsPtr<V>::value) {
-            if (!value) return;
-        }
-        newX(key, value);
-        return;
-    }
-    if (mem->fwkValue() == value) return;
-    if constexpr (IsPtr<V>::value) {
-        if (!value) {
-            m.deleteMember(mem);
-            notify(key);
-            return;
-        }
-    }
-    mem->fwkValueIs(value);
-    notify(key);
-}
-
-// The write rule for a key and value the caller gives up: a new member takes both over
-// instead of copies (a value type's copy is a new set of members). notify(key) notifies.
-template <class Member, class Map, class K, class V, class NotifyFn>
-void kalCollIsMoved(Map& m, K&& key, V&& value, NotifyFn&& notify) {
+void kalCollIs(Map& m, K&& key, V&& value, NewFn&& newX, NotifyFn&& notify) {
     auto* mem = m[key];
     if (!mem) {
         if constexpr (IsPtr<std::remove_cvref_t<V>>::value) {
             if (!value) return;
         }
-        notify(kalCollNew<Member>(m, std::move(key), std::move(value))->fwkKey());
+        newX(std::forward<K>(key), std::forward<V>(value));
         return;
     }
     if (mem->fwkValue() == value) return;

@@ -1311,21 +1311,22 @@ def emit_accessor_impl(out, t, a):
             out(f"void {T}::{n}Del({key} k) {{ {forget_hash(t)}Kal::kalCollDel({n}_, k); }}")
             out()
         else:
+            notify = f"[this]({key} key) {{ {n}Notify(key); }}" if ncall else f"[]({key}) {{}}"
             out(f"void {T}::{n}Is({key} k, {vt} const& value) {{")
             out(f"    Kal::kalCollIs({n}_, k, value,")
             out(f"                   [this]({key} key, {vt} const& v) {{ new{cap}(key, v); }},")
-            if ncall:
-                out(f"                   [this]({key} key) {{ {n}Notify(key); }});")
-            else:
-                out(f"                   []({key}) {{}});")
+            out(f"                   {notify});")
             out("}")
             out()
+            # The given-up key and value move into the new member.
             out(f"void {T}::{n}Is({cxx_type(a.key)} k, {vt}&& value) {{")
-            out(f"    Kal::kalCollIsMoved<{m}>({n}_, std::move(k), std::move(value),")
-            if ncall:
-                out(f"                             [this]({key} key) {{ {n}Notify(key); }});")
-            else:
-                out(f"                             []({key}) {{}});")
+            out(f"    auto const notify = {notify};")
+            out(f"    Kal::kalCollIs({n}_, std::move(k), std::move(value),")
+            out(f"                   [&]({cxx_type(a.key)}&& key, {vt}&& v) {{")
+            out(f"                       notify(Kal::kalCollNew<{m}>({n}_, std::move(key), "
+                f"std::move(v))->fwkKey());")
+            out("                   },")
+            out("                   notify);")
             out("}")
             out()
             ret = vt if a.is_ptr_value else f"{T}::{m}*"
