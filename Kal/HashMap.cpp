@@ -106,11 +106,13 @@ HashMapRaw::HashMapRaw(HashMapRaw const& other) : HashMapRaw(*other.ops_, other.
     for (U32 b = 0; b < other.bucketCount_; ++b) {
         PtrInterface* tail = nullptr;
         for (PtrInterface* m = other.buckets_[b]; m; m = ops_->next(m)) {
+            // A clone is new and this thread's alone: its one reference is counted without
+            // an atomic operation.
             PtrInterface* c = ops_->clone(m);
+            c->kalFirstReference();
             if (tail) {
-                ops_->setNext(tail, c);
+                ops_->adoptNext(tail, c);
             } else {
-                c->referencesInc();
                 buckets_[b] = c;
                 occupy(occupied_, b);
             }
@@ -288,8 +290,7 @@ void HashMapRaw::resize(U32 newCount) noexcept {
                 if (!m) continue;
                 if (tail) {
                     // The bucket array's reference moves to tail's link.
-                    ops_->setNext(tail, m);
-                    m->referencesDec();
+                    ops_->adoptNext(tail, m);
                 } else {
                     first = m;
                 }
@@ -314,26 +315,53 @@ void HashMapRaw::resize(U32 newCount) noexcept {
 }
 
 void HashMapRaw::newMember(PtrInterface* t, U32 h) {
+    t->referencesInc();
+    adoptMember(t, h);
+}
+
+void HashMapRaw::adoptMember(PtrInterface* t, U32 h) {
     void const* key = ops_->key(t);
-    U32 const b = bucketOf(h);
-    PtrInterface* pred = nullptr;
-    for (PtrInterface* m = buckets_[b]; m; m = ops_->next(m)) {
+    Place place{h, bucketOf(h), nullptr};
+    for (PtrInterface* m = buckets_[place.bucket]; m; m = ops_->next(m)) {
         U32 const mh = ops_->hash(m);
         if (mh > h || (mh == h && ops_->keyLessThan(key, m))) break;
-        pred = m;
+        place.pred = m;
     }
-    if (pred) {
-        ops_->linkAfter(pred, t);
-    } else {
-        t->referencesInc();
-        if (PtrInterface* head = buckets_[b]) {
-            // t's link takes over the bucket array's reference to the old head.
-            ops_->setNext(t, head);
-            head->referencesDec();
-        } else {
-            occupy(occupied_, b);
+    adoptAt(t, place);
+}
+
+PtrInterface* HashMapRaw::findOrPlace(U32 h, void const* key, Place& place) const {
+    place = Place{h, bucketOf(h), nullptr};
+    bool placed = false;
+    for (PtrInterface* m = buckets_[place.bucket]; m; m = ops_->next(m)) {
+        U32 const mh = ops_->hash(m);
+        // Later members sort after the key's hash: none of them has the key.
+        if (mh > h) break;
+        if (mh == h && ops_->keyEquals(key, m)) return m;
+        // The place is after every member at or before the key's position; members of the
+        // same hash after it are still looked at for the key (equal keys are tolerated
+        // anywhere among them).
+        if (!placed) {
+            if (mh == h && ops_->keyLessThan(key, m))
+                placed = true;
+            else
+                place.pred = m;
         }
-        buckets_[b] = t;
+    }
+    return nullptr;
+}
+
+void HashMapRaw::adoptAt(PtrInterface* t, Place const& place) {
+    if (place.pred) {
+        ops_->linkAfter(place.pred, t);
+    } else {
+        if (PtrInterface* head = buckets_[place.bucket]) {
+            // t's link takes over the bucket array's reference to the old head.
+            ops_->adoptNext(t, head);
+        } else {
+            occupy(occupied_, place.bucket);
+        }
+        buckets_[place.bucket] = t;
     }
     ++count_;
     ++version_;

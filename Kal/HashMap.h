@@ -212,11 +212,13 @@ struct HashMapOps {
     bool (*keyLessThan)(void const* key, PtrInterface const* m);
     void const* (*key)(PtrInterface const* m);
     PtrInterface* (*next)(PtrInterface const* m);
-    // Counted assignment of m's link.
-    void (*setNext)(PtrInterface* m, PtrInterface* next);
+    // m's link (null) takes over a reference to next that the caller gives; nothing is
+    // counted.
+    void (*adoptNext)(PtrInterface* m, PtrInterface* next);
     // Gives m's link, with its reference, to the caller; m's link becomes null.
     PtrInterface* (*takeNext)(PtrInterface* m);
-    // Links t (whose link is null) after pred and counts t once; nothing else is counted.
+    // Links t (whose link is null) after pred; pred's link takes over a reference to t that
+    // the caller gives. Nothing is counted.
     void (*linkAfter)(PtrInterface* pred, PtrInterface* t);
     // Unlinks pred's successor and returns it with the reference pred's link held.
     PtrInterface* (*unlinkAfter)(PtrInterface* pred);
@@ -237,12 +239,15 @@ struct HashMapVTable {
     static bool keyLessThan(Key const& key, Member const& m) {
         return kalKeyLessThan(key, m.fwkKey());
     }
-    static void setNext(Member& m, Member* next) { m.fwkHmNextIs(next); }
+    static void adoptNext(Member& m, Member* next) {
+        KAL_DASSERT(!m.fwkHmNext_);
+        m.fwkHmNext_ = Ptr<Member>::kalAdopt(next);
+    }
     static Member* next(Member const& m) { return m.fwkHmNext(); }
     static Member* takeNext(Member& m) { return m.fwkHmNext_.release(); }
     static void linkAfter(Member& pred, Member& t) {
         t.fwkHmNext_ = std::move(pred.fwkHmNext_);
-        pred.fwkHmNext_ = &t;
+        pred.fwkHmNext_ = Ptr<Member>::kalAdopt(&t);
     }
     static Member* unlinkAfter(Member& pred) {
         Member* t = pred.fwkHmNext_.release();
@@ -270,7 +275,7 @@ struct HashMapVTable {
         },
         +[](PtrInterface const* m) -> void const* { return &down(m)->fwkKey(); },
         +[](PtrInterface const* m) -> PtrInterface* { return next(*down(m)); },
-        +[](PtrInterface* m, PtrInterface* n) { setNext(*down(m), down(n)); },
+        +[](PtrInterface* m, PtrInterface* n) { adoptNext(*down(m), down(n)); },
         +[](PtrInterface* m) -> PtrInterface* { return takeNext(*down(m)); },
         +[](PtrInterface* pred, PtrInterface* t) { linkAfter(*down(pred), *down(t)); },
         +[](PtrInterface* pred) -> PtrInterface* { return unlinkAfter(*down(pred)); },
@@ -336,6 +341,25 @@ class HashMapRaw {
     // Links t (link null, hash h) after every member at or before its position, counts it,
     // and grows the bucket array when the load calls for it.
     void newMember(PtrInterface* t, U32 h);
+    // The same, but the map takes over a reference to t that the caller gives: nothing is
+    // counted.
+    void adoptMember(PtrInterface* t, U32 h);
+
+    // Where a key stands in the map: its hash, its bucket, and the member after which a new
+    // member with the key is filed (null: first in the bucket).
+    struct Place {
+        U32 hash;
+        U32 bucket;
+        PtrInterface* pred;
+    };
+    // The member with the key (hash h; the first, should there be several), or null with
+    // `place` set to where a new member with the key goes. One walk of the chain serves the
+    // lookup and the insertion that follows it (adoptAt), where operator[] and newMember
+    // would walk it twice.
+    PtrInterface* findOrPlace(U32 h, void const* key, Place& place) const;
+    // Files t (link null, its key the one findOrPlace placed, the map unchanged since) at
+    // `place`, taking over a reference to t that the caller gives; then as newMember.
+    void adoptAt(PtrInterface* t, Place const& place);
     // Unlinks t and releases the map's reference, after pinning the iterators standing on
     // t; false (and nothing changes) when t is not a member. May shrink the bucket array.
     bool deleteMember(PtrInterface* t);
@@ -496,6 +520,32 @@ class HashMap {
     void newMember(Member* t) { newMember(t, hashOf(t->fwkKey())); }
     void newMember(Ptr<Member> const& t, U32 hash) { newMember(t.ptr(), hash); }
     void newMember(Ptr<Member> const& t) { newMember(t.ptr()); }
+    // The member with the key, or null with `place` set for newMemberAt (HashMapRaw::
+    // findOrPlace): a lookup followed by an insertion, in one walk of the chain.
+    using Place = HashMapRaw::Place;
+    Member* findOrPlace(Key const& key, Place& place) {
+        return down(raw_.findOrPlace(hashOf(key), &key, place));
+    }
+    // Files t, whose key findOrPlace placed in the map as it still is; the map takes over
+    // t's reference. Returns the member.
+    Member* newMemberAt(Ptr<Member>&& t, Place const& place) {
+        KAL_ASSERT(t->fwkHmNext() == 0);
+        KAL_DASSERT(place.hash == hashOf(t->fwkKey()));
+        Member* const m = t.release();
+        raw_.adoptAt(m, place);
+        return m;
+    }
+
+    // A pointer given up moves its reference into the map: nothing is counted.
+    void newMember(Ptr<Member>&& t, U32 hash) {
+        KAL_ASSERT(t->fwkHmNext() == 0);
+        KAL_DASSERT(hash == hashOf(t->fwkKey()));
+        raw_.adoptMember(t.release(), hash);
+    }
+    void newMember(Ptr<Member>&& t) {
+        U32 const hash = hashOf(t->fwkKey());
+        newMember(std::move(t), hash);
+    }
 
     // Removes t if it is a member (returns whether it was). t's link is null afterwards.
     bool deleteMember(Ptr<Member> const& t) { return raw_.deleteMember(t.ptr()); }

@@ -122,25 +122,32 @@ auto kalCollValue(Map const& m, K const& key) {
 }
 
 // Creates the member for (key, value) and files it; returns the new member. A key or value
-// given as an rvalue moves into the member.
+// given as an rvalue moves into the member. The member is counted once, by the map, without
+// an atomic operation (kalNew).
 template <class Member, class Map, class K, class V>
 Member* kalCollNew(Map& m, K&& key, V&& value) {
-    Ptr<Member> mem = new Member(std::forward<K>(key), std::forward<V>(value));
-    m.newMember(mem);
-    return mem.ptr();
+    Ptr<Member> mem = kalNew<Member>(std::forward<K>(key), std::forward<V>(value));
+    Member* const raw = mem.ptr();
+    m.newMember(std::move(mem));
+    return raw;
 }
 
-// The write rule above. newX(key, value) inserts and notifies; notify(key) notifies. A key
-// and value given as rvalues reach newX as rvalues, so that a new member can take them over
-// instead of copies (a value type's copy is a new set of members).
-template <class Map, class K, class V, class NewFn, class NotifyFn>
-void kalCollIs(Map& m, K&& key, V&& value, NewFn&& newX, NotifyFn&& notify) {
-    auto* mem = m[key];
+// The write rule above, for a collection of members of class Member: an absent key gets a
+// new member made from key and value (moved in when given as rvalues; a null pointer value
+// adds nothing), filed where the lookup found its place, and notify(key) runs; a present
+// key with another value gets it (a null pointer value deletes the member) and notify(key)
+// runs; the value already held changes nothing.
+template <class Member, class Map, class K, class V, class NotifyFn>
+void kalCollIs(Map& m, K&& key, V&& value, NotifyFn&& notify) {
+    typename Map::Place place;
+    auto* mem = m.findOrPlace(key, place);
     if (!mem) {
         if constexpr (IsPtr<std::remove_cvref_t<V>>::value) {
             if (!value) return;
         }
-        newX(std::forward<K>(key), std::forward<V>(value));
+        Member* const added =
+            m.newMemberAt(kalNew<Member>(std::forward<K>(key), std::forward<V>(value)), place);
+        notify(added->fwkKey());
         return;
     }
     if (mem->fwkValue() == value) return;

@@ -72,6 +72,13 @@ class Ptr {
 
     // Gives up the reference without releasing it; the caller owns one count.
     T* release() noexcept { return std::exchange(p_, nullptr); }
+    // The reverse: a pointer that takes over one reference the caller holds (as release()
+    // or PtrInterface::kalFirstReference left it); nothing is counted.
+    static Ptr kalAdopt(T* p) noexcept {
+        Ptr r;
+        r.p_ = p;
+        return r;
+    }
 
     template <class U>
     friend bool operator==(Ptr const& a, Ptr<U> const& b) noexcept {
@@ -119,6 +126,16 @@ Ptr<T> dynamicPtrCast(Ptr<U> const& p) noexcept {
 template <class T, class U>
 Ptr<T> constPtrCast(Ptr<U> const& p) noexcept {
     return Ptr<T>(const_cast<T*>(p.ptr()));
+}
+
+// A new T made from `args`, held by the returned pointer. Its first reference is counted
+// with a plain store (PtrInterface::kalFirstReference) where `Ptr<T> p = new T` takes an
+// atomic increment: for code that makes many objects in a row.
+template <class T, class... Args>
+Ptr<T> kalNew(Args&&... args) {
+    T* p = new T(std::forward<Args>(args)...);
+    p->kalFirstReference();
+    return Ptr<T>::kalAdopt(p);
 }
 
 [[noreturn]] void throwNullValidPtr();

@@ -20,6 +20,7 @@
 // and released on any thread; everything else about an object belongs to its owning thread.
 #pragma once
 
+#include "Kal/Assert.h"
 #include "Kal/Types.h"
 
 #include <atomic>
@@ -52,6 +53,17 @@ class PtrInterface {
 
     void referencesInc() const noexcept {
         if (!isStatic()) word_.fetch_add(1, std::memory_order_relaxed);
+    }
+    // Counts the first reference to an object just made on this thread, which nothing else
+    // can reach yet: a plain store where referencesInc takes an atomic read-modify-write (on
+    // x86 a locked instruction, which also waits for every pending store of the thread to
+    // reach the cache, a long wait while new objects are being written). Whoever makes the
+    // object reachable from another thread publishes it with the synchronisation that
+    // publishing needs anyway, which carries this store along.
+    void kalFirstReference() const noexcept {
+        U32 const word = word_.load(std::memory_order_relaxed);
+        KAL_DASSERT((word & countMask) == 0 && (word >> 24) != (staticWord >> 24));
+        word_.store(word + 1, std::memory_order_relaxed);
     }
     // Releases one reference. When (new word & 0x5FFFFFFF) is zero the object runs its
     // zero-references handling (handleZeroRef) and 0 is returned; otherwise the masked

@@ -145,7 +145,7 @@ template <class T> U64 getOrCreateFib(typename T::Helper &h, typename T::ViaSetT
     }
     KAL_TRACE_IN("doGetOrCreateFibAdjacency", 4,
                  T::getOrCreateFib << ": New adj 0x" << std::hex << index);
-    Adjacency::Ptr adj = new Adjacency;
+    Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
     auto &fib = *h.status();
     typename T::Fec *fec = fib.fecDirectWrite(Strata::Fib::FecId(index));
     try {
@@ -186,7 +186,7 @@ template <class T> void contructAdj(typename T::Helper &h, Strata::Fib::FecId co
         mem->fwkValue()->refCountInc(1);
         return;
     }
-    Adjacency::Ptr adj = new Adjacency;
+    Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
     typename T::ViaSetT viaSet;
     typename T::Fec fec;
     if (!h.status()->fec(fecId, fec)) {
@@ -239,7 +239,7 @@ U64 getOrCreateHost(typename T::Helper &h, typename T::ViaSetT const &viaSet,
     U64 const index = allocateIndex(*h.adjIndexAllocator());
     KAL_TRACE_IN("doGetOrCreateHostAdjacency", 4,
                  T::getOrCreateHost << ": New adj 0x" << std::hex << index);
-    Adjacency::Ptr adj = new Adjacency;
+    Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
     adj->indexIs(index);
     adj->refCountIs(1);
     fileAdjacency(*hostStatus, viaSet, index, adj);
@@ -539,7 +539,7 @@ template <class T> class BulkAdoption {
         inRankOrder(rank, [&](Fresh &f) {
             auto viaSet = viaSetOf(f);
             f.viaSetHash = ViaSetMap::hashOf(viaSet);
-            Adjacency::Ptr adj = new Adjacency;
+            Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
             adj->indexIs(f.id);
             adj->refCountIs(f.count);
             f.adj = adj.ptr();
@@ -612,7 +612,7 @@ template <class T> void syncRoutes(typename T::Helper &h) {
 }
 
 template <class T> void createDropAdjacency(typename T::Helper &h) {
-    Adjacency::Ptr adj = new Adjacency;
+    Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
     adj->indexIs(T::dropIndex);
     adj->refCountIs(1);
     typename T::ViaSetT const empty;

@@ -403,7 +403,16 @@ TEST_F(HashMapTest, KeysThatAllShareAHashStayInOneChainOrderedByKeyAsTheMapGrows
     for (U32 i = 0; i < ids.size(); ++i) ids[i] = i * 2;
     std::shuffle(ids.begin(), ids.end(), std::mt19937(4));
     CollidingMap map;
-    for (U32 id : ids) map.newMember(new CollidingEntry({id}, id));
+    // Half filed by newMember, half where a lookup of the absent key placed them.
+    for (U32 id : ids) {
+        if (id % 4) {
+            map.newMember(new CollidingEntry({id}, id));
+        } else {
+            CollidingMap::Place place;
+            ASSERT_EQ(map.findOrPlace({id}, place), nullptr);
+            map.newMemberAt(Kal::kalNew<CollidingEntry>(CollidingKey{id}, id), place);
+        }
+    }
     EXPECT_GT(map.buckets(), 1u);
     EXPECT_EQ(map.verify(), "");
     std::vector<U32> walked;
@@ -419,6 +428,8 @@ TEST_F(HashMapTest, KeysThatAllShareAHashStayInOneChainOrderedByKeyAsTheMapGrows
     for (U32 id = 0; id < 2400; ++id) {
         CollidingEntry const* m = map[{id}];
         EXPECT_EQ(m ? S64(m->value()) : -1, id % 2 ? -1 : S64(id));
+        CollidingMap::Place place;
+        EXPECT_EQ(map.findOrPlace({id}, place), m);
         CollidingEntry const* at = map.startAtHash({id});
         EXPECT_EQ(at ? S64(at->fwkKey().id) : -1, id == 2399 ? -1 : S64(id + id % 2));
     }
@@ -673,8 +684,23 @@ TEST_F(HashMapTest, RandomOperationsMatchStandardContainers) {
                     bool const doInsert = rng() % 100 < insertPercent;
                     auto const found = ref.find(k);
                     if (doInsert && found == ref.end()) {
+                        // The three ways in: a counted insertion, a pointer given up, and
+                        // the place found by a lookup that came up empty.
                         U64 const v = rng();
-                        insert(map, k, v);
+                        switch (rng() % 3) {
+                        case 0:
+                            insert(map, k, v);
+                            break;
+                        case 1:
+                            map.newMember(Kal::kalNew<Entry>(k, v));
+                            break;
+                        default: {
+                            Map::Place place;
+                            ASSERT_EQ(map.findOrPlace(k, place), nullptr);
+                            Entry* const added = map.newMemberAt(Kal::kalNew<Entry>(k, v), place);
+                            ASSERT_EQ(added->fwkKey(), k);
+                        }
+                        }
                         ref[k] = v;
                     } else if (!doInsert && found != ref.end()) {
                         ASSERT_TRUE(map.deleteMember(map[k]));
@@ -683,6 +709,8 @@ TEST_F(HashMapTest, RandomOperationsMatchStandardContainers) {
                     check();
                 } else if (dice < 90) {
                     Entry const* m = map[k];
+                    Map::Place place;
+                    ASSERT_EQ(map.findOrPlace(k, place), m);
                     auto const found = ref.find(k);
                     ASSERT_EQ(m ? m->value() : 0, found == ref.end() ? 0 : found->second)
                         << std::hex << k;

@@ -94,6 +94,35 @@ TEST_F(PtrTest, NondestructingObjectSurvivesItsLastReference) {
     EXPECT_EQ(Tracked::live, 0);
 }
 
+// kalNew counts the first reference by a plain store: the result must be indistinguishable
+// from `Ptr p = new T`, flags set by the constructor included, and a reference given up with
+// release() must come back whole through kalAdopt.
+TEST_F(PtrTest, KalNewAndAdoptHoldExactlyOneReference) {
+    Kal::Ptr<Tracked> a = Kal::kalNew<Tracked>(7);
+    EXPECT_EQ(a->kalCountWord(), 1u);
+    EXPECT_EQ(a->value, 7);
+    Kal::Ptr<Tracked> b = a;
+    EXPECT_EQ(a->references(), 2u);
+    b = nullptr;
+    Tracked* raw = a.release();
+    EXPECT_EQ(raw->references(), 1u);
+    Kal::Ptr<Tracked> c = Kal::Ptr<Tracked>::kalAdopt(raw);
+    EXPECT_EQ(c->references(), 1u);
+    c = nullptr;
+    EXPECT_EQ(Tracked::live, 0);
+
+    struct BornNondestructing : Tracked {
+        BornNondestructing() { isNondestructingIs(true); }
+    };
+    Kal::Ptr<BornNondestructing> n = Kal::kalNew<BornNondestructing>();
+    EXPECT_EQ(n->kalCountWord(), 0x40000001u);
+    BornNondestructing* kept = n.ptr();
+    n = nullptr;
+    EXPECT_EQ(Tracked::live, 1);
+    kept->isNondestructingIs(false);
+    EXPECT_EQ(Tracked::live, 0);
+}
+
 TEST_F(PtrTest, StaticObjectNeverChangesItsWord) {
     struct Static : Kal::PtrInterface {
         Static() : Kal::PtrInterface(StaticTag{}) {}

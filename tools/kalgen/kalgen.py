@@ -1268,8 +1268,7 @@ def emit_accessor_impl(out, t, a):
         ncall = notify_call(t, a, "k")
         if a.keyfield:
             out(f"void {T}::{n}Is({vt} const& value) {{")
-            out(f"    Kal::kalCollIs({n}_, value.{a.keyfield}(), value,")
-            out(f"                   [this]({key} k, {vt} const& v) {{ new{cap}(v); (void)k; }},")
+            out(f"    Kal::kalCollIs<{m}>({n}_, value.{a.keyfield}(), value,")
             out(f"                   [this]({key} k) {{ {n}Notify(k); }});") if ncall else \
                 out(f"                   []({key}) {{}});")
             out("}")
@@ -1313,20 +1312,12 @@ def emit_accessor_impl(out, t, a):
         else:
             notify = f"[this]({key} key) {{ {n}Notify(key); }}" if ncall else f"[]({key}) {{}}"
             out(f"void {T}::{n}Is({key} k, {vt} const& value) {{")
-            out(f"    Kal::kalCollIs({n}_, k, value,")
-            out(f"                   [this]({key} key, {vt} const& v) {{ new{cap}(key, v); }},")
-            out(f"                   {notify});")
+            out(f"    Kal::kalCollIs<{m}>({n}_, k, value, {notify});")
             out("}")
             out()
             # The given-up key and value move into the new member.
             out(f"void {T}::{n}Is({cxx_type(a.key)} k, {vt}&& value) {{")
-            out(f"    auto const notify = {notify};")
-            out(f"    Kal::kalCollIs({n}_, std::move(k), std::move(value),")
-            out(f"                   [&]({cxx_type(a.key)}&& key, {vt}&& v) {{")
-            out(f"                       notify(Kal::kalCollNew<{m}>({n}_, std::move(key), "
-                f"std::move(v))->fwkKey());")
-            out("                   },")
-            out("                   notify);")
+            out(f"    Kal::kalCollIs<{m}>({n}_, std::move(k), std::move(value), {notify});")
             out("}")
             out()
             ret = vt if a.is_ptr_value else f"{T}::{m}*"
