@@ -613,8 +613,13 @@ bool StrataMap::find(void const* key, SlotCopy& out) const {
                     return true;
                 }
                 // A free slot or another key: either the slot was retired or reused under us
-                // (the entry moved on), or another key shares the hash.
-                if (!live || load(e.ref, std::memory_order_acquire) != ref) {
+                // (the entry moved on), or another key shares the hash. The entry naming the
+                // slot again is not enough to tell: the record may have left the slot, another
+                // key borrowed it, and the record come back to it, all between the two looks at
+                // the entry. A slot that is still the copy we read (same generation) after the
+                // entry was seen naming it did hold the other key while the entry named it.
+                if (!live || load(e.ref, std::memory_order_acquire) != ref ||
+                    load(slotWords(ref)[0], std::memory_order_acquire) != out.word[0]) {
                     restart = true;
                     break;
                 }

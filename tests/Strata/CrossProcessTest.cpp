@@ -67,6 +67,29 @@ TEST(StrataCrossProcessTest, ReadersSeeOnlyWholeFecsWhileTheWriterFlips) {
     EXPECT_EQ(t->fecs(), 16u);
 }
 
+// A key whose slot another key borrows and gives back between a reader's look at the index
+// and its look at the slot is still found: the reader notices that the slot changed under it.
+TEST(StrataCrossProcessTest, ReadersFindARecordWhoseSlotAnotherKeyBorrowsAndGivesBack) {
+    TablePrefix prefix;
+    Strata::Fib::ForwardingStatus::writer(prefix, smallFecCapacity(2, 2))->detach();
+    int wout = -1;
+    pid_t const writer = strata_test::spawnHelper({"swap-writer", prefix, "1500"}, &wout);
+    std::vector<std::pair<pid_t, int>> readers;
+    for (int i = 0; i < 2; ++i) {
+        int out = -1;
+        pid_t const p = strata_test::spawnHelper({"verify-reader", prefix, "4", "2", "1500"}, &out);
+        readers.emplace_back(p, out);
+    }
+    std::string const wtext = strata_test::drain(wout);
+    EXPECT_EQ(strata_test::waitChild(writer), 0) << wtext;
+    for (auto [pid, out] : readers) {
+        std::string const text = strata_test::drain(out);
+        EXPECT_EQ(strata_test::waitChild(pid), 0) << "reader " << pid << ": " << text;
+        std::printf("reader %d: %s", int(pid), text.c_str());
+    }
+    std::printf("writer: %s", wtext.c_str());
+}
+
 TEST(StrataCrossProcessTest, LongFlipStress) {
     if (!strata_test::stressRequested()) GTEST_SKIP() << "set STRATA_STRESS=1 for the long run";
     TablePrefix prefix;
