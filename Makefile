@@ -5,9 +5,10 @@ PRESET ?= default
 JOBS   ?= $(shell nproc)
 BUILD  := build/$(PRESET)
 
-# Debian packages the build needs; `make deps` installs those that are missing.
+# Debian packages the build needs; `make deps` installs those that are missing. qemu-user runs
+# the 32-bit test programs on machines whose kernel cannot run 32-bit code itself.
 DEB_PACKAGES := cmake ninja-build g++ g++-multilib clang libgtest-dev googletest \
-                libbenchmark-dev libabsl-dev liblmdb-dev python3
+                libbenchmark-dev libabsl-dev liblmdb-dev python3 qemu-user
 
 .PHONY: all deps configure build test bench demo fuzz clean
 

@@ -7,6 +7,7 @@
 #include "Strata/Strata.h"
 #include "Strata/StrataLayout.h"
 #include "helper/SelfCheck.h"
+#include "tests/ExecProgram.h"
 
 #include <gtest/gtest.h>
 
@@ -88,11 +89,7 @@ inline pid_t spawnHelper(std::vector<std::string> const& args, int* stdoutFd = n
             ::close(pipeFds[0]);
             ::close(pipeFds[1]);
         }
-        std::string const path = STRATA_HELPER;
-        std::vector<char*> argv{const_cast<char*>(path.c_str())};
-        for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        ::execv(path.c_str(), argv.data());
+        RidgeTest::execProgram(STRATA_HELPER, args);
         ::_exit(127);
     }
     if (stdoutFd) {

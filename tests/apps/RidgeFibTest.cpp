@@ -3,6 +3,7 @@
 // checking its exact output, its JSON, its error messages and exit statuses, and `follow`
 // seeing what this process commits while it runs.
 #include "Strata/Strata.h"
+#include "tests/ExecProgram.h"
 
 #include <gtest/gtest.h>
 
@@ -57,11 +58,7 @@ class FibProcess {
         if (pid_ == 0) {
             ::dup2(outputs_[0].fd, 1);
             ::dup2(outputs_[1].fd, 2);
-            static char program[] = RIDGE_FIB;
-            std::vector<char*> argv = {program};
-            for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            ::execv(program, argv.data());
+            RidgeTest::execProgram(RIDGE_FIB, args);
             ::_exit(127);
         }
     }
