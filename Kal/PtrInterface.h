@@ -24,6 +24,8 @@
 #include "Kal/Types.h"
 
 #include <atomic>
+#include <cstddef>
+#include <new>
 
 namespace Kal {
 
@@ -50,6 +52,19 @@ class PtrInterface {
     PtrInterface(PtrInterface const&) noexcept : word_(0) {}
     PtrInterface& operator=(PtrInterface const&) noexcept { return *this; }
     virtual ~PtrInterface();
+
+    // Counted objects take their memory from Kal::ObjectHeap (ObjectHeap.h says why and when
+    // not). Over-aligned ones, and objects built in place, are left to the general rules.
+    static void* operator new(std::size_t bytes);
+    static void operator delete(void* p, std::size_t bytes) noexcept;
+    static void* operator new(std::size_t bytes, std::align_val_t align) {
+        return ::operator new(bytes, align);
+    }
+    static void operator delete(void* p, std::size_t bytes, std::align_val_t align) noexcept {
+        ::operator delete(p, bytes, align);
+    }
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+    static void operator delete(void*, void*) noexcept {}
 
     void referencesInc() const noexcept {
         if (!isStatic()) word_.fetch_add(1, std::memory_order_relaxed);
