@@ -138,12 +138,28 @@ HashMapRaw& HashMapRaw::operator=(HashMapRaw const& other) {
 // A map's versions only grow (short of wrapping around), so an iterator that has seen a
 // change never mistakes the map for unchanged. A moved-from map counts the members that left
 // it, so its iterators, pinned on members another map now holds, take the careful step.
+// The members change hands without a swap: this map is new, other is left as a new map
+// with one bucket would be. (Values holding maps are moved into collection members all the
+// time.)
 HashMapRaw::HashMapRaw(HashMapRaw&& other) noexcept
-    : ops_(other.ops_), buckets_(&inlineBucket_), occupied_(&inlineOccupied_) {
-    other.pinIterators(nullptr);
-    U32 const otherVersion = other.version_ + other.count_;
-    swap(other);
-    other.version_ = otherVersion;
+    : ops_(other.ops_),
+      buckets_(other.buckets_ == &other.inlineBucket_ ? &inlineBucket_ : other.buckets_),
+      inlineBucket_(other.inlineBucket_),
+      occupied_(other.occupied_ == &other.inlineOccupied_ ? &inlineOccupied_ : other.occupied_),
+      inlineOccupied_(other.inlineOccupied_), version_(other.version_), count_(other.count_),
+      bucketCount_(other.bucketCount_), shift_(other.shift_), minBuckets_(other.minBuckets_),
+      floorBuckets_(other.floorBuckets_) {
+    if (other.iterators_) other.pinIterators(nullptr);
+    other.version_ += other.count_;
+    other.buckets_ = &other.inlineBucket_;
+    other.inlineBucket_ = nullptr;
+    other.occupied_ = &other.inlineOccupied_;
+    other.inlineOccupied_ = 0;
+    other.count_ = 0;
+    other.bucketCount_ = 1;
+    other.shift_ = 31;
+    other.minBuckets_ = 1;
+    other.floorBuckets_ = 1;
 }
 
 HashMapRaw& HashMapRaw::operator=(HashMapRaw&& other) noexcept {
@@ -166,16 +182,18 @@ HashMapRaw& HashMapRaw::operator=(HashMapRaw&& other) noexcept {
 HashMapRaw::~HashMapRaw() {
     // Iterators that outlive the map (they must not be used) keep their members and forget
     // the map, so that destroying them later touches neither.
-    pinIterators(nullptr);
-    for (HashMapIteratorRaw* i = iterators_; i;) {
-        HashMapIteratorRaw* const next = i->nextIterator_;
-        i->map_ = nullptr;
-        i->nextIterator_ = nullptr;
-        i->prevLink_ = nullptr;
-        i = next;
+    if (iterators_) {
+        pinIterators(nullptr);
+        for (HashMapIteratorRaw* i = iterators_; i;) {
+            HashMapIteratorRaw* const next = i->nextIterator_;
+            i->map_ = nullptr;
+            i->nextIterator_ = nullptr;
+            i->prevLink_ = nullptr;
+            i = next;
+        }
+        iterators_ = nullptr;
     }
-    iterators_ = nullptr;
-    releaseChains();
+    if (count_) releaseChains();
     if (buckets_ != &inlineBucket_) delete[] buckets_;
     if (occupied_ != &inlineOccupied_) delete[] occupied_;
 }
@@ -365,7 +383,8 @@ void HashMapRaw::adoptAt(PtrInterface* t, Place const& place) {
     }
     ++count_;
     ++version_;
-    maybeGrow();
+    if (count_ > capacity(bucketCount_)) [[unlikely]]
+        maybeGrow();
 }
 
 bool HashMapRaw::deleteMember(PtrInterface* t) {

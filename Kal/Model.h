@@ -132,6 +132,19 @@ Member* kalCollNew(Map& m, K&& key, V&& value) {
     return raw;
 }
 
+// A value's collection setter: the member for the key takes the value, or a new member is
+// made from both and filed where the lookup found its place (one walk of the chain for
+// both). Returns the member.
+template <class Member, class Map, class K, class V>
+Member* kalCollSet(Map& m, K const& key, V const& value) {
+    typename Map::Place place;
+    if (auto* mem = m.findOrPlace(key, place)) {
+        mem->fwkValueIs(value);
+        return mem;
+    }
+    return m.newMemberAt(kalNew<Member>(key, value), place);
+}
+
 // The write rule above, for a collection of members of class Member: an absent key gets a
 // new member made from key and value (moved in when given as rvalues; a null pointer value
 // adds nothing), filed where the lookup found its place, and notify(key) runs; a present

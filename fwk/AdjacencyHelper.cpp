@@ -171,10 +171,10 @@ template <class T> U64 getOrCreateFib(typename T::Helper &h, typename T::ViaSetT
     return index;
 }
 
-// One via of a FEC being adopted, added to its via set unless an equal via is there.
+// One via of a FEC being adopted, added to its via set unless an equal via is there (whose
+// value, 1 as for every via of a FEC, stays as it is).
 template <class ViaSetT, class Via> void adoptVia(ViaSetT &viaSet, Via const &via) {
-    if (!viaSet.kalVia()[via])
-        viaSet.newVia(via, 1);
+    viaSet.viaIs(via, 1);
 }
 
 template <class T> void contructAdj(typename T::Helper &h, Strata::Fib::FecId const &fecId) {

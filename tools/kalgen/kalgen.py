@@ -1292,13 +1292,9 @@ def emit_accessor_impl(out, t, a):
             out()
         elif t.kind == "value":
             out(f"{T}::{m}* {T}::{n}Is({key} k, {vt} const& value) {{")
-            out(f"    if (auto* mem = {n}_[k]) {{")
             if hash_cached(t):
-                out("        kalHash_.forget();")
-            out("        mem->fwkValueIs(value);")
-            out("        return mem;")
-            out("    }")
-            out(f"    return new{cap}(k, value);")
+                out("    kalHash_.forget();")
+            out(f"    return Kal::kalCollSet<{m}>({n}_, k, value);")
             out("}")
             out()
             out(f"{T}::{m}* {T}::new{cap}({key} k, {vt} const& value) {{")
