@@ -23,7 +23,10 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdlib>
 #include <ios>
+#include <memory>
+#include <new>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -308,7 +311,9 @@ template <class T> class BulkAdoption {
   public:
     // `room`: the number of distinct FEC ids to expect.
     BulkAdoption(typename T::Helper &h, U32 room)
-        : h_(h), tables_(*h.ridgeStatus()), tally_(room) {}
+        : h_(h), tables_(*h.ridgeStatus()), tally_(room) {
+        order_.reserve(room);
+    }
 
     // Whether the bulk path leaves no trace that route-by-route adoption would leave.
     static bool unobserved(typename T::Helper const &h) {
@@ -355,7 +360,11 @@ template <class T> class BulkAdoption {
         static constexpr U32 taken = 0xFFFFFFFF; // `first` of an id that has its adjacency
 
         // Room for `ids` distinct ids.
-        explicit RouteTally(U32 ids) : dense_(std::size_t(ids) * 2 + 16) {
+        explicit RouteTally(U32 ids)
+            : denseSize_(std::size_t(ids) * 2 + 16),
+              dense_(static_cast<Entry *>(std::calloc(denseSize_, sizeof(Entry)))) {
+            if (!dense_)
+                throw std::bad_alloc();
             while ((std::size_t(1) << (64 - shift_)) < std::size_t(ids) / 4)
                 --shift_;
             slots_.resize(std::size_t(1) << (64 - shift_));
@@ -363,7 +372,7 @@ template <class T> class BulkAdoption {
 
         bool bump(U64 id) {
             Entry *e;
-            if (id < dense_.size()) {
+            if (id < denseSize_) {
                 e = &dense_[std::size_t(id)];
             } else {
                 Slot &s = slot(id);
@@ -373,16 +382,16 @@ template <class T> class BulkAdoption {
             if (e->count++)
                 return false;
             e->first = distinct_++;
-            if (id >= dense_.size() && ++hashed_ > slots_.size() / 2)
+            if (id >= denseSize_ && ++hashed_ > slots_.size() / 2)
                 grow();
             return true;
         }
         Entry *find(U64 id) {
-            Entry *e = id < dense_.size() ? &dense_[std::size_t(id)] : &slot(id).entry;
+            Entry *e = id < denseSize_ ? &dense_[std::size_t(id)] : &slot(id).entry;
             return e->count ? e : nullptr;
         }
         void prefetch(U64 id) const {
-            if (id < dense_.size())
+            if (id < denseSize_)
                 __builtin_prefetch(&dense_[std::size_t(id)]);
             else
                 __builtin_prefetch(&slots_[place(id)]);
@@ -412,7 +421,13 @@ template <class T> class BulkAdoption {
             }
         }
 
-        std::vector<Entry> dense_;
+        // Zeroed by calloc: a large one comes straight from the system, already zero, and
+        // only the pages of ids that occur are ever touched.
+        struct Free {
+            void operator()(Entry *e) const { std::free(e); }
+        };
+        std::size_t denseSize_;
+        std::unique_ptr<Entry[], Free> dense_;
         std::vector<Slot> slots_;
         unsigned shift_ = 64 - 4;
         U32 distinct_ = 0;
@@ -425,10 +440,9 @@ template <class T> class BulkAdoption {
         U32 count;
         U32 first;
         U32 vias;
-        U32 viaCount;
-        U16 nhid;
+        U8 viaCount; // a FEC holds at most 128
         U8 type;
-        U32 viaSetHash = 0;
+        U16 nhid;
         Adjacency *adj = nullptr; // held by the tables once filed
     };
 
@@ -436,8 +450,8 @@ template <class T> class BulkAdoption {
         U32 const vias = U32(vias_.size());
         for (auto it = fec.viaIteratorConst(); it; ++it)
             vias_.push_back(*it);
-        fresh_.push_back(Fresh{id, count, first, vias, U32(vias_.size()) - vias,
-                               fec.nexthopGroupId(), U8(fec.fecType())});
+        fresh_.push_back(Fresh{id, count, first, vias, U8(vias_.size() - vias),
+                               U8(fec.fecType()), fec.nexthopGroupId()});
     }
 
     void readFecs(std::size_t pending) {
@@ -513,19 +527,28 @@ template <class T> class BulkAdoption {
         }
     }
 
-    // Least significant digit first, 11 bits at a time: stable, three passes.
-    static void sortByKey(Rank &rank) {
+    // Least significant digit first, 11 bits at a time: stable, three passes after one
+    // that counts all three digits.
+    void sortByKey(Rank &rank) {
         constexpr unsigned bits = 11;
-        Rank other(rank.size());
-        for (unsigned shift = 0; shift < 32; shift += bits) {
-            std::vector<U32> start((1u << bits) + 1);
+        constexpr U32 digits = 1u << bits;
+        constexpr U32 mask = digits - 1;
+        std::vector<U32> start(3 * digits);
+        for (auto const &r : rank) {
+            ++start[r.first & mask];
+            ++start[digits + ((r.first >> bits) & mask)];
+            ++start[2 * digits + (r.first >> 2 * bits)];
+        }
+        sortScratch_.resize(rank.size());
+        for (unsigned pass = 0; pass < 3; ++pass) {
+            U32 *const first = &start[pass * digits];
+            U32 sum = 0;
+            for (U32 d = 0; d < digits; ++d)
+                sum += std::exchange(first[d], sum);
+            unsigned const shift = pass * bits;
             for (auto const &r : rank)
-                ++start[((r.first >> shift) & ((1u << bits) - 1)) + 1];
-            for (std::size_t d = 1; d < start.size(); ++d)
-                start[d] += start[d - 1];
-            for (auto const &r : rank)
-                other[start[(r.first >> shift) & ((1u << bits) - 1)]++] = r;
-            rank.swap(other);
+                sortScratch_[first[(r.first >> shift) & mask]++] = r;
+            rank.swap(sortScratch_);
         }
     }
 
@@ -536,9 +559,12 @@ template <class T> class BulkAdoption {
         for (U32 i = 0; i < fresh_.size(); ++i)
             rank[i] = {IndexMap::hashOf(fresh_[i].id), i};
         // Each via set is made twice, once for each table that holds one, and moved in.
+        // The via-set table's order is noted on the way: its records by rank of first
+        // appearance.
+        Rank byFirst(order_.size(), {0, U32(-1)});
         inRankOrder(rank, [&](Fresh &f) {
             auto viaSet = viaSetOf(f);
-            f.viaSetHash = ViaSetMap::hashOf(viaSet);
+            byFirst[f.first] = {ViaSetMap::hashOf(viaSet), U32(&f - fresh_.data())};
             Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
             adj->indexIs(f.id);
             adj->refCountIs(f.count);
@@ -548,15 +574,10 @@ template <class T> class BulkAdoption {
         });
         // The via-set table in first-appearance order within equal hashes: the sort is
         // stable, so the records go in in that order.
-        std::vector<U32> byFirst(order_.size(), U32(-1));
-        for (U32 i = 0; i < fresh_.size(); ++i)
-            byFirst[fresh_[i].first] = i;
-        rank.clear();
-        for (U32 const i : byFirst) {
-            if (i != U32(-1))
-                rank.emplace_back(fresh_[i].viaSetHash, i);
-        }
-        inRankOrder(rank, [&](Fresh &f) {
+        byFirst.erase(std::remove_if(byFirst.begin(), byFirst.end(),
+                                     [](auto const &r) { return r.second == U32(-1); }),
+                      byFirst.end());
+        inRankOrder(byFirst, [&](Fresh &f) {
             tables_.viaSetToAdjacencyIs(viaSetOf(f), Adjacency::Ptr(f.adj));
         });
     }
@@ -567,6 +588,7 @@ template <class T> class BulkAdoption {
     std::vector<U64> order_; // ids in order of first appearance
     std::vector<Fresh> fresh_;
     std::vector<typename T::Via> vias_;
+    Rank sortScratch_;
 };
 
 // The route table is walked in batches of adoptable routes. Each batch is adopted before
