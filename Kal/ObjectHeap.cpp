@@ -416,7 +416,7 @@ void PtrInterface::operator delete(void* p, std::size_t bytes) noexcept {
     if constexpr (KAL_COUNTED_ON_OBJECT_HEAP) {
         ObjectHeap::deallocateFast(p, bytes);
     } else {
-        ::operator delete(p, bytes);
+        ::operator delete(p);
     }
 }
 

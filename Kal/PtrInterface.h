@@ -60,8 +60,8 @@ class PtrInterface {
     static void* operator new(std::size_t bytes, std::align_val_t align) {
         return ::operator new(bytes, align);
     }
-    static void operator delete(void* p, std::size_t bytes, std::align_val_t align) noexcept {
-        ::operator delete(p, bytes, align);
+    static void operator delete(void* p, std::size_t, std::align_val_t align) noexcept {
+        ::operator delete(p, align);
     }
     static void* operator new(std::size_t, void* place) noexcept { return place; }
     static void operator delete(void*, void*) noexcept {}
