@@ -4,7 +4,8 @@
 //   Adjacency/Create            allocation, FEC fill and commit, three table writes
 //   Adjacency/CreateParts/...   each of those parts alone (allocation, FEC commit, tables)
 //   Adjacency/DropToZero        the last drop: three table removals and the FEC removal
-//   Adjacency/Sync              doSyncRoutes over 1M routes pointing at 100K FECs
+//   Adjacency/Sync              doSyncRoutes over 1M routes pointing at 100K FECs (after a
+//                               first, untimed one: reported as firstSyncMs)
 //   Adjacency/SyncFloor         a bare walk of the same route table
 #include "fwk/AdjacencyHelper.h"
 
@@ -12,6 +13,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <random>
@@ -172,6 +174,11 @@ constexpr U32 kSyncRoutes = 1 << 20;
 constexpr U32 kSyncFecs = 100000;
 
 // 1M kernel routes over 100K FECs, written once per run and removed when the run ends.
+// The first sync of the process runs here, outside the timing: its adjacencies take memory
+// fresh from the system (faulted in page by page), which later syncs reuse; its time is
+// reported beside the others as the cold start a daemon pays once.
+double firstSyncMs = 0;
+
 Tables& syncTables() {
     static Tables* t = [] {
         auto* tables = new Tables(kSyncFecs + 16, kSyncRoutes + 16);
@@ -189,6 +196,11 @@ Tables& syncTables() {
                 Velnet::Prefix(Velnet::IpAddr(0x0B000000u + (r << 4)), 28),
                 FecId(3 + r % kSyncFecs), Routing::Fib::RouteType::kernel_));
         }
+        auto const start = std::chrono::steady_clock::now();
+        tables->helper->doSyncRoutes();
+        firstSyncMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() -
+                                                                start)
+                          .count();
         return tables;
     }();
     return *t;
@@ -205,6 +217,7 @@ void AdjacencySync(benchmark::State& state) {
         t.helper->doSyncRoutes();
     }
     state.counters["routes"] = kSyncRoutes;
+    state.counters["firstSyncMs"] = firstSyncMs;
 }
 
 void AdjacencySyncFloor(benchmark::State& state) {
@@ -219,7 +232,7 @@ void AdjacencySyncFloor(benchmark::State& state) {
     state.counters["routes"] = kSyncRoutes;
 }
 
-BENCHMARK(AdjacencySync)->Name("Adjacency/Sync")->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(AdjacencySync)->Name("Adjacency/Sync")->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(AdjacencySyncFloor)
     ->Name("Adjacency/SyncFloor")
     ->Unit(benchmark::kMillisecond)
