@@ -304,6 +304,8 @@ class HashMapRaw {
 
     U32 version() const noexcept { return version_; }
     U32 members() const noexcept { return count_; }
+    // Whether any iterator is registered with the map.
+    bool hasIterators() const noexcept { return iterators_ != nullptr; }
     U32 buckets() const noexcept { return bucketCount_; }
     U32 bucketOf(U32 h) const noexcept { return (h >> shift_) >> 1; }
     PtrInterface* head(U32 bucket) const noexcept { return buckets_[bucket]; }
@@ -504,6 +506,8 @@ class HashMap {
 
     U32 members() const noexcept { return raw_.members(); }
     U32 buckets() const noexcept { return raw_.buckets(); }
+    // Whether an iterator stands in the map (made through iterator(), not forEachMember).
+    bool hasIterators() const noexcept { return raw_.hasIterators(); }
     U32 version() const noexcept { return raw_.version(); }
 
     // The member with the key (the first inserted, should there be several), or null.

@@ -444,6 +444,9 @@ template <class T> class BulkAdoption {
         U8 type;
         U16 nhid;
         Adjacency *adj = nullptr; // held by the tables once filed
+        // Built with the index tables and shared with the index-to-via-set table's copy
+        // until the via-set table takes it.
+        typename T::ViaSetT viaSet;
     };
 
     void take(U64 id, U32 count, U32 first, typename T::Fec const &fec) {
@@ -451,7 +454,7 @@ template <class T> class BulkAdoption {
         for (auto it = fec.viaIteratorConst(); it; ++it)
             vias_.push_back(*it);
         fresh_.push_back(Fresh{id, count, first, vias, U8(vias_.size() - vias),
-                               U8(fec.fecType()), fec.nexthopGroupId()});
+                               U8(fec.fecType()), fec.nexthopGroupId(), nullptr, {}});
     }
 
     void readFecs(std::size_t pending) {
@@ -490,7 +493,7 @@ template <class T> class BulkAdoption {
             auto const *e = tally_.find(fresh_[i].id);
             if (!e || e->first == RouteTally::taken)
                 continue;
-            fresh_[kept] = fresh_[i];
+            fresh_[kept] = std::move(fresh_[i]);
             fresh_[kept].count = e->count;
             fresh_[kept].first = e->first;
             ++kept;
@@ -520,8 +523,10 @@ template <class T> class BulkAdoption {
             if (i + ahead < rank.size()) {
                 Fresh const &f = fresh_[rank[i + ahead].second];
                 __builtin_prefetch(&vias_[f.vias]);
-                if (f.adj)
+                if (f.adj) {
                     __builtin_prefetch(f.adj);
+                    __builtin_prefetch(&f.viaSet.kalVia());
+                }
             }
             fn(fresh_[rank[i].second]);
         }
@@ -558,18 +563,18 @@ template <class T> class BulkAdoption {
         Rank rank(fresh_.size());
         for (U32 i = 0; i < fresh_.size(); ++i)
             rank[i] = {IndexMap::hashOf(fresh_[i].id), i};
-        // Each via set is made twice, once for each table that holds one, and moved in.
+        // Each via set is made once; both tables that hold one share it (and its hash).
         // The via-set table's order is noted on the way: its records by rank of first
         // appearance.
         Rank byFirst(order_.size(), {0, U32(-1)});
         inRankOrder(rank, [&](Fresh &f) {
-            auto viaSet = viaSetOf(f);
-            byFirst[f.first] = {ViaSetMap::hashOf(viaSet), U32(&f - fresh_.data())};
+            f.viaSet = viaSetOf(f);
+            byFirst[f.first] = {ViaSetMap::hashOf(f.viaSet), U32(&f - fresh_.data())};
             Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
             adj->indexIs(f.id);
             adj->refCountIs(f.count);
             f.adj = adj.ptr();
-            tables_.adjIndexToViaSetIs(f.id, std::move(viaSet));
+            tables_.adjIndexToViaSetIs(f.id, f.viaSet);
             tables_.adjacencyIs(f.id, std::move(adj));
         });
         // The via-set table in first-appearance order within equal hashes: the sort is
@@ -578,7 +583,7 @@ template <class T> class BulkAdoption {
                                      [](auto const &r) { return r.second == U32(-1); }),
                       byFirst.end());
         inRankOrder(byFirst, [&](Fresh &f) {
-            tables_.viaSetToAdjacencyIs(viaSetOf(f), Adjacency::Ptr(f.adj));
+            tables_.viaSetToAdjacencyIs(std::move(f.viaSet), Adjacency::Ptr(f.adj));
         });
     }
 

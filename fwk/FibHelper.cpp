@@ -69,19 +69,20 @@ bool viaSetLess(Map const& a, U8 aType, U32 aNhid, Map const& b, U8 bType, U32 b
 } // namespace
 
 // Kept once computed (the sets are declared hashcache): a set is hashed on every lookup and
-// insertion, and on every step of a table's chain walk past it.
+// insertion, and on every step of a table's chain walk past it. Copies that share their
+// state share the kept hash too.
 U32 ViaSet::hash() const {
-    return kalHash_.get([this] { return viaSetHash(via_, type_, nhid_); });
+    return kalHashCache().get([this] { return viaSetHash(kalVia(), type(), nhid()); });
 }
 U32 Via6Set::hash() const {
-    return kalHash_.get([this] { return viaSetHash(via_, type_, nhid_); });
+    return kalHashCache().get([this] { return viaSetHash(kalVia(), type(), nhid()); });
 }
 
 bool ViaSet::operator<(ViaSet const& o) const {
-    return viaSetLess(via_, type_, nhid_, o.via_, o.type_, o.nhid_);
+    return viaSetLess(kalVia(), type(), nhid(), o.kalVia(), o.type(), o.nhid());
 }
 bool Via6Set::operator<(Via6Set const& o) const {
-    return viaSetLess(via_, type_, nhid_, o.via_, o.type_, o.nhid_);
+    return viaSetLess(kalVia(), type(), nhid(), o.kalVia(), o.type(), o.nhid());
 }
 
 } // namespace Ridge

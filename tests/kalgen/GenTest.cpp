@@ -7,10 +7,10 @@ int bagHashComputations = 0;
 
 // Attributes and item keys: a cached hash leaves the items' values out.
 U32 Bag::hash() const {
-    return kalHash_.get([this] {
+    return kalHashCache().get([this] {
         ++bagHashComputations;
         U32 h = label().hash() ^ (flag() ? 0x9E3779B9u : 0u) ^ spot().x() ^ U32(spot().y());
-        for (auto it = itemsIteratorConst(); it; ++it) h = h * 31 + U32(it.key());
+        kalItems().forEachMember([&h](auto const& m) { h = h * 31 + U32(m.fwkKey()); });
         return h;
     });
 }

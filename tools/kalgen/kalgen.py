@@ -17,7 +17,7 @@ import os
 import re
 import sys
 
-GENERATOR_VERSION = 2  # must match KAL_MODEL_RUNTIME_VERSION in Kal/Model.h
+GENERATOR_VERSION = 3  # must match KAL_MODEL_RUNTIME_VERSION in Kal/Model.h
 
 BUILTINS = {
     "U8": "U8", "U16": "U16", "U32": "U32", "U64": "U64", "S32": "S32", "S64": "S64",
@@ -597,11 +597,14 @@ def emit_class(out, t):
     for a in t.own(("input",)):
         out(f"    friend class Kal{a.cap};")
     out(f"    friend class _Type;")
-    for a in t.attrs:
-        emit_field(out, t, a)
-    if hash_cached(t):
-        out("    // hash() as last computed; every generated change forgets it.")
-        out("    Kal::HashCache kalHash_;")
+    if shared(t):
+        emit_rep(out, t)
+    else:
+        for a in t.attrs:
+            emit_field(out, t, a)
+        if hash_cached(t):
+            out("    // hash() as last computed; every generated change forgets it.")
+            out("    Kal::HashCache kalHash_;")
     if t.reactor:
         out("    bool kalZombie_ = false;")
     if not t.quiet:
@@ -626,9 +629,25 @@ def hash_cached(t):
     return "hashcache" in t.options
 
 
+def shared(t):
+    """A value with collections keeps its fields in a state record (KalRep) that its copies
+    share until one of them changes (Kal::KalShared)."""
+    return t.kind == "value" and bool(t.own(("coll",)))
+
+
+def rd(t, field):
+    """A field of t, read."""
+    return f"kalR().{field}" if shared(t) else field
+
+
+def wr(t, field):
+    """A field of t, about to change."""
+    return f"kalW().{field}" if shared(t) else field
+
+
 def forget_hash(t):
     """The statement a change of a hash-caching value begins with (empty otherwise)."""
-    return "kalHash_.forget(); " if hash_cached(t) else ""
+    return f"{wr(t, 'kalHash_')}.forget(); " if hash_cached(t) else ""
 
 
 def constraint_type(t, c):
@@ -646,7 +665,7 @@ def emit_accessors(out, t, a):
         if a.const_expr:
             out(f"    {ty} {n}() const noexcept {{ return {a.const_expr}; }}")
             return
-        out(f"    {ret} {n}() const noexcept {{ return {n}_; }}")
+        out(f"    {ret} {n}() const noexcept {{ return {rd(t, n + '_')}; }}")
         if "param" not in a.flags and "readonly" not in a.flags:
             virt = "virtual " if "virtual" in a.flags else ""
             out(f"    {virt}void {n}Is({arg_type(a.type)} v);")
@@ -677,15 +696,15 @@ def emit_accessors(out, t, a):
         m = f"Kal{cap}"
         vt = f"Kal::Ptr<{a.type}>" if a.is_ptr_value else cxx_type(a.type)
         out(f"    // {n}: {a.key} -> {'Ptr<' + a.type + '>' if a.is_ptr_value else a.type}")
-        out(f"    {vt} {n}({key} key) const {{ return Kal::kalCollValue({n}_, key); }}")
-        out(f"    U32 {plural(a)}() const noexcept {{ return {n}_.members(); }}")
+        out(f"    {vt} {n}({key} key) const {{ return Kal::kalCollValue({rd(t, n + '_')}, key); }}")
+        out(f"    U32 {plural(a)}() const noexcept {{ return {rd(t, n + '_')}.members(); }}")
         if a.keyfield:
             out(f"    void {n}Is({vt} const& value);")
             out(f"    {m}* new{cap}({vt} const& value);")
             out(f"    {vt} {n}Del({key} key);")
         elif t.kind == "value":
-            out(f"    {m}* {n}Is({key} key, {vt} const& value);")
-            out(f"    {m}* new{cap}({key} key, {vt} const& value);")
+            out(f"    void {n}Is({key} key, {vt} const& value);")
+            out(f"    void new{cap}({key} key, {vt} const& value);")
             out(f"    void {n}Del({key} key);")
         else:
             out(f"    void {n}Is({key} key, {vt} const& value);")
@@ -697,12 +716,22 @@ def emit_accessors(out, t, a):
         out(f"    void {n}DelAll();")
         if not t.quiet:
             out(f"    void {n}Notify({key} key) const;")
-        out(f"    // Room for `members` members, kept until {n}DelAll; changes nothing else.")
-        out(f"    void {n}Reserve(U32 members) noexcept {{ {n}_.reserve(members); }}")
-        out(f"    {cap}Iterator {n}Iterator() {{ return {cap}Iterator({n}_.iterator()); }}")
-        out(f"    {cap}IteratorConst {n}IteratorConst() const {{ return "
-            f"{cap}IteratorConst({n}_.iterator()); }}")
-        out(f"    {m}Map const& kal{cap}() const noexcept {{ return {n}_; }}")
+        if shared(t):
+            # An iterator stands only in a state the value holds alone (Kal::KalShared).
+            out(f"    // Room for `members` members, kept until {n}DelAll; changes nothing else.")
+            out(f"    void {n}Reserve(U32 members) {{ kalW().{n}_.reserve(members); }}")
+            out(f"    {cap}Iterator {n}Iterator() {{ return {cap}Iterator(kalW().{n}_.iterator()); }}")
+            out(f"    {cap}IteratorConst {n}IteratorConst() const {{ return "
+                f"{cap}IteratorConst(std::as_const(kalRep_.own().{n}_).iterator()); }}")
+            out(f"    // For lookups and forEachMember; iterate through {n}IteratorConst().")
+            out(f"    {m}Map const& kal{cap}() const noexcept {{ return kalR().{n}_; }}")
+        else:
+            out(f"    // Room for `members` members, kept until {n}DelAll; changes nothing else.")
+            out(f"    void {n}Reserve(U32 members) noexcept {{ {n}_.reserve(members); }}")
+            out(f"    {cap}Iterator {n}Iterator() {{ return {cap}Iterator({n}_.iterator()); }}")
+            out(f"    {cap}IteratorConst {n}IteratorConst() const {{ return "
+                f"{cap}IteratorConst({n}_.iterator()); }}")
+            out(f"    {m}Map const& kal{cap}() const noexcept {{ return {n}_; }}")
     elif a.kind == "ordered":
         key = arg_type(a.key)
         et = a.type
@@ -744,6 +773,49 @@ def find_type_params(t, a):
 
 
 CURRENT_PATH = [""]
+
+
+def emit_rep(out, t):
+    """The state record of a shared value, and the value's access to it."""
+    T = t.name
+    out("    // The fields, shared with the value's copies until one of them changes.")
+    out("    struct KalRep : Kal::PtrInterface {")
+    out("        KalRep() = default;")
+    out("        explicit KalRep(Kal::PtrInterface::StaticTag tag) : Kal::PtrInterface(tag) {}")
+    out("        KalRep(KalRep const&) = default;")
+    out("        KalRep& operator=(KalRep const&) = default;")
+    out("        KalRep& operator=(KalRep&&) = default;")
+    out("        // The state of every new value: static, never changed (a change copies it).")
+    out("        static Kal::Ptr<KalRep> kalEmpty() {")
+    out("            static KalRep* const empty = new KalRep(Kal::PtrInterface::StaticTag{});")
+    out("            return empty;")
+    out("        }")
+    colls = [a for a in t.attrs if a.kind == "coll"]
+    out("        bool kalIterated() const noexcept { return " +
+        " || ".join(f"{a.name}_.hasIterators()" for a in colls) + "; }")
+    for a in t.attrs:
+        text = emit_field_text(t, a)
+        if text:
+            out("    " + text)
+    if hash_cached(t):
+        out("        // hash() as last computed; every generated change forgets it.")
+        out("        Kal::HashCache kalHash_;")
+    out("    };")
+    out(f"    KalRep const& kalR() const noexcept {{ return kalRep_.read(); }}")
+    out(f"    KalRep& kalW() {{ return kalRep_.own(); }}")
+    if hash_cached(t):
+        out("    // The hash cache that hash() fills (the state's: copies that share it share it).")
+        out("    Kal::HashCache const& kalHashCache() const noexcept { return kalR().kalHash_; }")
+    out("    Kal::KalShared<KalRep> kalRep_;")
+
+
+def emit_field_text(t, a):
+    if a.kind == "attr" and not a.const_expr:
+        init = default_init(a.type)
+        return f"    {cxx_type(a.type)} {a.name}_" + (f" = {init};" if init else "{};")
+    if a.kind == "coll":
+        return f"    Kal{a.cap}Map {a.name}_{{1}};"
+    return None
 
 
 def emit_field(out, t, a):
@@ -1125,11 +1197,13 @@ def emit_type_impl(out, t):
         conds = []
         for a in t.attrs:
             if a.kind in ("attr", "coll") and not a.const_expr:
-                conds.append(f"{a.name}_ == o.{a.name}_")
+                conds.append(f"{rd(t, a.name + '_')} == o.{rd(t, a.name + '_')}")
         out(f"bool {T}::operator==({T} const& o) const {{")
+        if shared(t):
+            out("    if (kalRep_.sameState(o.kalRep_)) return true;")
         if hash_cached(t):
             out("    // Equal values hash alike: two known hashes that differ decide at once.")
-            out("    if (kalHash_.knownAndDiffers(o.kalHash_)) return false;")
+            out(f"    if ({rd(t, 'kalHash_')}.knownAndDiffers(o.{rd(t, 'kalHash_')})) return false;")
         out("    return " + (" && ".join(conds) if conds else "true") + ";")
         out("}")
         out()
@@ -1207,6 +1281,11 @@ def emit_accessor_impl(out, t, a):
             call = notify_call(t, a)
             if call:
                 out(f"    if (Kal::kalAttrIs({n}_, v)) {call}")
+            elif shared(t):
+                out(f"    KalRep& s = kalW();")
+                if hash_cached(t):
+                    out("    s.kalHash_.forget();")
+                out(f"    s.{n}_ = v;")
             else:
                 out(f"    {forget_hash(t)}{n}_ = v;")
             out("}")
@@ -1218,7 +1297,8 @@ def emit_accessor_impl(out, t, a):
                 continue
             # Counting stores directly and tells nobody (wrapping in the counter's width);
             # only aIs notifies.
-            out(f"void {T}::{n}{op}({ty} n) {{ {forget_hash(t)}{n}_ = {ty}({n}_ {sign} n); }}")
+            out(f"void {T}::{n}{op}({ty} n) {{ {forget_hash(t)}{wr(t, n + '_')} = "
+                f"{ty}({rd(t, n + '_')} {sign} n); }}")
             out()
     if a.kind in ("attr", "ptr") and not a.const_expr and "param" not in a.flags:
         call = notify_call(t, a)
@@ -1291,19 +1371,18 @@ def emit_accessor_impl(out, t, a):
             out("}")
             out()
         elif t.kind == "value":
-            out(f"{T}::{m}* {T}::{n}Is({key} k, {vt} const& value) {{")
-            if hash_cached(t):
-                out("    kalHash_.forget();")
-            out(f"    return Kal::kalCollSet<{m}>({n}_, k, value);")
+            out(f"void {T}::{n}Is({key} k, {vt} const& value) {{")
+            out(f"    {forget_hash(t)}Kal::kalCollSet<{m}>({wr(t, n + '_')}, k, value);")
             out("}")
             out()
-            out(f"{T}::{m}* {T}::new{cap}({key} k, {vt} const& value) {{")
-            if hash_cached(t):
-                out("    kalHash_.forget();")
-            out(f"    return Kal::kalCollNew<{m}>({n}_, k, value);")
+            out(f"void {T}::new{cap}({key} k, {vt} const& value) {{")
+            out(f"    {forget_hash(t)}Kal::kalCollNew<{m}>({wr(t, n + '_')}, k, value);")
             out("}")
             out()
-            out(f"void {T}::{n}Del({key} k) {{ {forget_hash(t)}Kal::kalCollDel({n}_, k); }}")
+            out(f"void {T}::{n}Del({key} k) {{")
+            out(f"    if (!{rd(t, n + '_')}[k]) return;")
+            out(f"    {forget_hash(t)}Kal::kalCollDel({wr(t, n + '_')}, k);")
+            out("}")
             out()
         else:
             notify = f"[this]({key} key) {{ {n}Notify(key); }}" if ncall else f"[]({key}) {{}}"
@@ -1374,6 +1453,9 @@ def emit_del_all_and_notify(out, t, a, key):
         out(f"    Kal::kalNotifyCb(kalNotifieeList_, {a.id}, &NotifieeConst::on{cap}kalImmediate);")
         out(f"    {n}_.deleteAll();")
         out(f"    Kal::kalNotifyCb(kalNotifieeList_, {a.id}, &NotifieeConst::on{cap});")
+    elif shared(t):
+        out(f"    if ({rd(t, n + '_')}.members() == 0) return;")
+        out(f"    {forget_hash(t)}{wr(t, n + '_')}.deleteAll();")
     else:
         out(f"    {forget_hash(t)}{n}_.deleteAll();")
     out("}")
