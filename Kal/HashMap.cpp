@@ -1,10 +1,8 @@
 #include "Kal/HashMap.h"
 
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <string>
-#include <utility>
 
 namespace Kal {
 
@@ -47,26 +45,8 @@ bool isPowerOfTwo(U32 x) noexcept { return x != 0 && (x & (x - 1)) == 0; }
 
 U32 bucketIn(U32 h, U32 shift) noexcept { return (h >> shift) >> 1; }
 
-// Bucket arrays come zeroed from calloc: a large one is fresh from the system, zero already,
-// so it is not cleared a second time (a table reserved for a million members has megabytes of
-// buckets). Null when there is no memory.
 PtrInterface** allocateBuckets(U32 count) noexcept {
-    return static_cast<PtrInterface**>(std::calloc(count, sizeof(PtrInterface*)));
-}
-
-void freeBuckets(PtrInterface** buckets) noexcept { std::free(buckets); }
-
-// Owns a bucket array until it is released into a map.
-struct BucketsHolder {
-    PtrInterface** p;
-    ~BucketsHolder() { freeBuckets(p); }
-    PtrInterface** release() noexcept { return std::exchange(p, nullptr); }
-};
-
-PtrInterface** allocateBucketsOrThrow(U32 count) {
-    PtrInterface** b = allocateBuckets(count);
-    if (!b) throw std::bad_alloc();
-    return b;
+    return new (std::nothrow) PtrInterface*[count]();
 }
 
 using OccupancyWord = HashMapRaw::OccupancyWord;
@@ -96,7 +76,7 @@ HashMapRaw::HashMapRaw(HashMapOps const& ops, U32 initialSize)
     U32 n = 1;
     while (n < initialSize && n < maxBucketCount) n <<= 1;
     if (n > 1) {
-        BucketsHolder fresh{allocateBucketsOrThrow(n)};
+        std::unique_ptr<PtrInterface*[]> fresh(new PtrInterface*[n]());
         if (!occupancyInline(n)) occupied_ = new OccupancyWord[occupancyWordsFor(n)]();
         buckets_ = fresh.release();
         bucketCount_ = n;
@@ -110,12 +90,12 @@ HashMapRaw::HashMapRaw(HashMapRaw const& other) : HashMapRaw(*other.ops_, other.
     // This object is complete from here on: if a clone throws, the destructor releases the
     // members copied so far.
     if (other.bucketCount_ != bucketCount_) {
-        BucketsHolder fresh{allocateBucketsOrThrow(other.bucketCount_)};
+        std::unique_ptr<PtrInterface*[]> fresh(new PtrInterface*[other.bucketCount_]());
         OccupancyWord* bits = &inlineOccupied_;
         if (!occupancyInline(other.bucketCount_)) {
             bits = new OccupancyWord[occupancyWordsFor(other.bucketCount_)]();
         }
-        if (buckets_ != &inlineBucket_) freeBuckets(buckets_);
+        if (buckets_ != &inlineBucket_) delete[] buckets_;
         if (occupied_ != &inlineOccupied_) delete[] occupied_;
         buckets_ = fresh.release();
         occupied_ = bits;
@@ -214,7 +194,7 @@ HashMapRaw::~HashMapRaw() {
         iterators_ = nullptr;
     }
     if (count_) releaseChains();
-    if (buckets_ != &inlineBucket_) freeBuckets(buckets_);
+    if (buckets_ != &inlineBucket_) delete[] buckets_;
     if (occupied_ != &inlineOccupied_) delete[] occupied_;
 }
 
@@ -290,7 +270,7 @@ void HashMapRaw::resize(U32 newCount) noexcept {
     if (!occupancyInline(newCount)) {
         bits = new (std::nothrow) OccupancyWord[occupancyWordsFor(newCount)]();
         if (!bits) {
-            if (fresh != &inlineBucket_) freeBuckets(fresh);
+            if (fresh != &inlineBucket_) delete[] fresh;
             return;
         }
     }
@@ -339,7 +319,7 @@ void HashMapRaw::resize(U32 newCount) noexcept {
             if (first) occupy(bits, nb);
         }
     }
-    if (old != &inlineBucket_) freeBuckets(old);
+    if (old != &inlineBucket_) delete[] old;
     buckets_ = fresh;
     if (occupied_ != &inlineOccupied_) delete[] occupied_;
     if (bits == &freshInlineBits) {
