@@ -793,13 +793,14 @@ def emit_rep(out, t):
     colls = [a for a in t.attrs if a.kind == "coll"]
     out("        bool kalIterated() const noexcept { return " +
         " || ".join(f"{a.name}_.hasIterators()" for a in colls) + "; }")
+    if hash_cached(t):
+        out("        // hash() as last computed; every generated change forgets it. First, beside the")
+        out("        // count: a table's lookup reads it before anything else of the state.")
+        out("        Kal::HashCache kalHash_;")
     for a in t.attrs:
         text = emit_field_text(t, a)
         if text:
             out("    " + text)
-    if hash_cached(t):
-        out("        // hash() as last computed; every generated change forgets it.")
-        out("        Kal::HashCache kalHash_;")
     out("    };")
     out(f"    KalRep const& kalR() const noexcept {{ return kalRep_.read(); }}")
     out(f"    KalRep& kalW() {{ return kalRep_.own(); }}")
