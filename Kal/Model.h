@@ -178,12 +178,16 @@ class KalShared {
     Rep const& read() const noexcept { return *rep_; }
     // The value's own state (const: the iterator accessors of a const value need one too).
     Rep& own() const {
-        if (rep_->references() != 1) [[unlikely]] rep_ = kalNew<Rep>(*rep_);
+        if (rep_->references() != 1) [[unlikely]] rep_ = kalOwnCopy();
         return *rep_;
     }
     bool sameState(KalShared const& o) const noexcept { return rep_ == o.rep_; }
 
   private:
+    // A copy of the state for this value alone; the static empty state is not copied but
+    // made anew (the state of every value built from nothing).
+    Ptr<Rep> kalOwnCopy() const { return rep_->isStatic() ? kalNew<Rep>() : kalNew<Rep>(*rep_); }
+
     mutable Ptr<Rep> rep_;
 };
 

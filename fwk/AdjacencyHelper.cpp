@@ -443,10 +443,6 @@ template <class T> class BulkAdoption {
         U8 viaCount; // a FEC holds at most 128
         U8 type;
         U16 nhid;
-        Adjacency *adj = nullptr; // held by the tables once filed
-        // Built with the index tables and shared with the index-to-via-set table's copy
-        // until the via-set table takes it.
-        typename T::ViaSetT viaSet;
     };
 
     void take(U64 id, U32 count, U32 first, typename T::Fec const &fec) {
@@ -454,7 +450,7 @@ template <class T> class BulkAdoption {
         for (auto it = fec.viaIteratorConst(); it; ++it)
             vias_.push_back(*it);
         fresh_.push_back(Fresh{id, count, first, vias, U8(vias_.size() - vias),
-                               U8(fec.fecType()), fec.nexthopGroupId(), nullptr, {}});
+                               U8(fec.fecType()), fec.nexthopGroupId()});
     }
 
     void readFecs(std::size_t pending) {
@@ -493,7 +489,7 @@ template <class T> class BulkAdoption {
             auto const *e = tally_.find(fresh_[i].id);
             if (!e || e->first == RouteTally::taken)
                 continue;
-            fresh_[kept] = std::move(fresh_[i]);
+            fresh_[kept] = fresh_[i];
             fresh_[kept].count = e->count;
             fresh_[kept].first = e->first;
             ++kept;
@@ -501,18 +497,23 @@ template <class T> class BulkAdoption {
         fresh_.resize(kept);
     }
 
-    typename T::ViaSetT viaSetOf(Fresh const &f) const {
+    // An adjacency made, with the via set that both its tables share.
+    struct Made {
         typename T::ViaSetT viaSet;
+        Adjacency *adj; // held by the tables
+    };
+
+    // Fills an empty via set from a record's FEC, as doContructAdj adopts one.
+    void build(typename T::ViaSetT &viaSet, Fresh const &f) const {
         for (U32 v = f.vias; v < f.vias + f.viaCount; ++v)
             adoptVia(viaSet, vias_[v]);
         viaSet.nhidIs(f.nhid);
         viaSet.typeIs(f.type);
-        return viaSet;
     }
 
-    // Calls fn on the records in the order of `rank` (a stable sort of (key, record) by
-    // key), touching them a few places ahead: a record and its vias sit wherever the FEC
-    // table's order put them.
+    // Calls fn(record, i) on the records in the order of `rank` (a stable sort of (key,
+    // record) by key), i counting from 0, touching them a few places ahead: a record and its
+    // vias sit wherever the FEC table's order put them.
     using Rank = std::vector<std::pair<U32, U32>>;
     template <class Fn> void inRankOrder(Rank &rank, Fn &&fn) {
         sortByKey(rank);
@@ -520,15 +521,9 @@ template <class T> class BulkAdoption {
         for (std::size_t i = 0; i < rank.size(); ++i) {
             if (i + 2 * ahead < rank.size())
                 __builtin_prefetch(&fresh_[rank[i + 2 * ahead].second]);
-            if (i + ahead < rank.size()) {
-                Fresh const &f = fresh_[rank[i + ahead].second];
-                __builtin_prefetch(&vias_[f.vias]);
-                if (f.adj) {
-                    __builtin_prefetch(f.adj);
-                    __builtin_prefetch(&f.viaSet.kalVia());
-                }
-            }
-            fn(fresh_[rank[i].second]);
+            if (i + ahead < rank.size())
+                __builtin_prefetch(&vias_[fresh_[rank[i + ahead].second].vias]);
+            fn(fresh_[rank[i].second], i);
         }
     }
 
@@ -564,27 +559,39 @@ template <class T> class BulkAdoption {
         for (U32 i = 0; i < fresh_.size(); ++i)
             rank[i] = {IndexMap::hashOf(fresh_[i].id), i};
         // Each via set is made once; both tables that hold one share it (and its hash).
-        // The via-set table's order is noted on the way: its records by rank of first
+        // The via-set table's order is noted on the way: what was made, by rank of first
         // appearance.
+        std::vector<Made> made;
+        made.reserve(fresh_.size());
         Rank byFirst(order_.size(), {0, U32(-1)});
-        inRankOrder(rank, [&](Fresh &f) {
-            f.viaSet = viaSetOf(f);
-            byFirst[f.first] = {ViaSetMap::hashOf(f.viaSet), U32(&f - fresh_.data())};
+        inRankOrder(rank, [&](Fresh const &f, std::size_t i) {
             Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
             adj->indexIs(f.id);
             adj->refCountIs(f.count);
-            f.adj = adj.ptr();
-            tables_.adjIndexToViaSetIs(f.id, f.viaSet);
+            auto &m = made.emplace_back(Made{{}, adj.ptr()});
+            build(m.viaSet, f);
+            byFirst[f.first] = {ViaSetMap::hashOf(m.viaSet), U32(i)};
+            tables_.adjIndexToViaSetIs(f.id, m.viaSet);
             tables_.adjacencyIs(f.id, std::move(adj));
         });
         // The via-set table in first-appearance order within equal hashes: the sort is
-        // stable, so the records go in in that order.
+        // stable, so the sets go in in that order.
         byFirst.erase(std::remove_if(byFirst.begin(), byFirst.end(),
                                      [](auto const &r) { return r.second == U32(-1); }),
                       byFirst.end());
-        inRankOrder(byFirst, [&](Fresh &f) {
-            tables_.viaSetToAdjacencyIs(std::move(f.viaSet), Adjacency::Ptr(f.adj));
-        });
+        sortByKey(byFirst);
+        constexpr std::size_t ahead = 8;
+        for (std::size_t i = 0; i < byFirst.size(); ++i) {
+            if (i + 2 * ahead < byFirst.size())
+                __builtin_prefetch(&made[byFirst[i + 2 * ahead].second]);
+            if (i + ahead < byFirst.size()) {
+                Made const &m = made[byFirst[i + ahead].second];
+                __builtin_prefetch(&m.viaSet.kalVia()); // its state: the hash, the vias
+                __builtin_prefetch(m.adj);
+            }
+            Made &m = made[byFirst[i].second];
+            tables_.viaSetToAdjacencyIs(std::move(m.viaSet), Adjacency::Ptr(m.adj));
+        }
     }
 
     typename T::Helper &h_;
