@@ -401,6 +401,10 @@ class HashMapRaw {
     // Pins every iterator standing on m, or on any member when m is null.
     void pinIterators(PtrInterface const* m) const noexcept;
 
+    // The live iterators of this map; never copied, moved or swapped with the members.
+    // First: asked about before a map is copied, it shares a cache line with what holds the
+    // map (a shared value's state reads it beside its count).
+    mutable HashMapIteratorRaw* iterators_ = nullptr;
     HashMapOps const* ops_;
     PtrInterface** buckets_;
     PtrInterface* inlineBucket_ = nullptr;
@@ -413,8 +417,6 @@ class HashMapRaw {
     U32 shift_ = 31;
     U32 minBuckets_ = 1;
     U32 floorBuckets_ = 1;
-    // The live iterators of this map; never copied, moved or swapped with the members.
-    mutable HashMapIteratorRaw* iterators_ = nullptr;
 };
 
 // The untyped part of an iterator (see "Iterators" at the top of this file): the map, the
