@@ -52,13 +52,19 @@
 
 namespace Kal::ObjectHeap {
 
-inline constexpr std::size_t granule = 16;
+// Size classes step by 8 bytes: collection members are 40 bytes, and classes of 16 would
+// give each a quarter more than it needs. An object still lands on a multiple of its own
+// alignment: its size is a multiple of that, and so is its class's size (a multiple of 8 no
+// larger than needed), and every object of a page starts a whole number of them after the
+// page's 64-byte header.
+inline constexpr std::size_t granule = 8;
 inline constexpr std::size_t largestObject = 256;
 inline constexpr std::size_t pageBytes = std::size_t(1) << 16;
 inline constexpr std::size_t segmentBytes = std::size_t(1) << 20;
 inline constexpr U32 keptPages = 16;
 
-// Memory for an object of `bytes` bytes, aligned to `granule`; larger objects come from the
+// Memory for an object of `bytes` bytes, aligned to `granule` (to 16 when `bytes` is a
+// multiple of 16, and so on for every power of two up to 64); larger objects come from the
 // general heap. Throws std::bad_alloc when the system has no memory left.
 void* allocate(std::size_t bytes);
 // Gives back what allocate(bytes) returned, with the same `bytes`; any thread may.

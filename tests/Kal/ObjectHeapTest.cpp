@@ -47,7 +47,12 @@ std::vector<Block> allocateStamped(std::vector<std::size_t> const& sizes, std::s
     for (std::size_t bytes : sizes) {
         for (std::size_t i = 0; i < count; ++i) {
             void* p = OH::allocate(bytes);
-            EXPECT_EQ(addr(p) % OH::granule, 0u) << bytes << " bytes";
+            // A type's size is a multiple of its alignment: so is the object's address, up
+            // to 16 (the general heap's promise) for the larger ones, 64 for the small.
+            std::size_t align = OH::granule;
+            while (align < 64 && bytes % (2 * align) == 0) align *= 2;
+            if (bytes > OH::largestObject) align = std::min<std::size_t>(align, 16);
+            EXPECT_EQ(addr(p) % align, 0u) << bytes << " bytes";
             stamp(p, bytes, unsigned(blocks.size()));
             blocks.push_back({p, bytes});
         }
@@ -77,7 +82,7 @@ void checkAndFree(std::vector<Block>& blocks, unsigned seed) {
 TEST(ObjectHeapTest, EverySizeGetsDisjointAlignedMemoryAndGivesItBackForReuse) {
     // Every class, its edges, and sizes served by the general heap; more objects than one
     // page of the smallest class holds, so that classes span several pages.
-    std::vector<std::size_t> sizes = {1, 15, 16, 17, 40, 48, 104, 120, 128, 129, 255, 256, 257, 4000};
+    std::vector<std::size_t> sizes = {1, 8, 15, 16, 17, 24, 32, 40, 48, 64, 104, 120, 128, 129, 192, 255, 256, 257, 4000};
     std::size_t const count = OH::pageBytes / OH::granule + 100;
     auto blocks = allocateStamped(sizes, count);
     std::size_t const reserved = OH::stats().reservedBytes;
