@@ -135,7 +135,8 @@ class HashCache {
 //     iterator, so an iterator always stands in a state only its value holds;
 //   - assigning to a value whose state has an iterator assigns in place, and moving from
 //     one copies and then empties the state in place, so that its iterators go on in it as
-//     they would in an unshared value.
+//     they would in an unshared value (that copy is the one allocation a move may make: if
+//     it fails, the process ends, as moves do not throw).
 // Reads (read()) never copy. Like the value, a holder is for one thread at a time; the
 // state's count is atomic, so copies may live on other threads.
 template <class Rep>
@@ -178,7 +179,7 @@ class KalShared {
     Rep const& read() const noexcept { return *rep_; }
     // The value's own state (const: the iterator accessors of a const value need one too).
     Rep& own() const {
-        if (rep_->references() != 1) [[unlikely]] rep_ = kalOwnCopy();
+        if (!rep_->kalSoleReference()) [[unlikely]] rep_ = kalOwnCopy();
         return *rep_;
     }
     bool sameState(KalShared const& o) const noexcept { return rep_ == o.rep_; }

@@ -86,6 +86,12 @@ class PtrInterface {
     U32 referencesDec() const;
 
     U32 references() const noexcept { return word_.load(std::memory_order_relaxed) & countMask; }
+    // Whether the caller's reference is the only one. The load acquires: a holder on another
+    // thread that released its reference (an acq_rel decrement) is done with the object, so
+    // the caller may change it in place.
+    bool kalSoleReference() const noexcept {
+        return (word_.load(std::memory_order_acquire) & countMask) == 1;
+    }
     U32 kalCountWord() const noexcept { return word_.load(std::memory_order_relaxed); }
     bool isStatic() const noexcept {
         return (word_.load(std::memory_order_relaxed) >> 24) == (staticWord >> 24);
