@@ -640,9 +640,14 @@ def rd(t, field):
     return f"kalR().{field}" if shared(t) else field
 
 
+def begin_change(t):
+    """The statement a change of t begins with: a shared value takes its own state (`s`)."""
+    return "KalRep& s = kalW(); " if shared(t) else ""
+
+
 def wr(t, field):
-    """A field of t, about to change."""
-    return f"kalW().{field}" if shared(t) else field
+    """A field of t, about to change (after begin_change)."""
+    return f"s.{field}" if shared(t) else field
 
 
 def forget_hash(t):
@@ -1282,13 +1287,8 @@ def emit_accessor_impl(out, t, a):
             call = notify_call(t, a)
             if call:
                 out(f"    if (Kal::kalAttrIs({n}_, v)) {call}")
-            elif shared(t):
-                out(f"    KalRep& s = kalW();")
-                if hash_cached(t):
-                    out("    s.kalHash_.forget();")
-                out(f"    s.{n}_ = v;")
             else:
-                out(f"    {forget_hash(t)}{n}_ = v;")
+                out(f"    {begin_change(t)}{forget_hash(t)}{wr(t, n + '_')} = v;")
             out("}")
             out()
         for op, sign in (("Inc", "+"), ("Dec", "-")):
@@ -1298,8 +1298,8 @@ def emit_accessor_impl(out, t, a):
                 continue
             # Counting stores directly and tells nobody (wrapping in the counter's width);
             # only aIs notifies.
-            out(f"void {T}::{n}{op}({ty} n) {{ {forget_hash(t)}{wr(t, n + '_')} = "
-                f"{ty}({rd(t, n + '_')} {sign} n); }}")
+            out(f"void {T}::{n}{op}({ty} n) {{ {begin_change(t)}{forget_hash(t)}"
+                f"{wr(t, n + '_')} = {ty}({wr(t, n + '_')} {sign} n); }}")
             out()
     if a.kind in ("attr", "ptr") and not a.const_expr and "param" not in a.flags:
         call = notify_call(t, a)
@@ -1373,16 +1373,16 @@ def emit_accessor_impl(out, t, a):
             out()
         elif t.kind == "value":
             out(f"void {T}::{n}Is({key} k, {vt} const& value) {{")
-            out(f"    {forget_hash(t)}Kal::kalCollSet<{m}>({wr(t, n + '_')}, k, value);")
+            out(f"    {begin_change(t)}{forget_hash(t)}Kal::kalCollSet<{m}>({wr(t, n + '_')}, k, value);")
             out("}")
             out()
             out(f"void {T}::new{cap}({key} k, {vt} const& value) {{")
-            out(f"    {forget_hash(t)}Kal::kalCollNew<{m}>({wr(t, n + '_')}, k, value);")
+            out(f"    {begin_change(t)}{forget_hash(t)}Kal::kalCollNew<{m}>({wr(t, n + '_')}, k, value);")
             out("}")
             out()
             out(f"void {T}::{n}Del({key} k) {{")
             out(f"    if (!{rd(t, n + '_')}[k]) return;")
-            out(f"    {forget_hash(t)}Kal::kalCollDel({wr(t, n + '_')}, k);")
+            out(f"    {begin_change(t)}{forget_hash(t)}Kal::kalCollDel({wr(t, n + '_')}, k);")
             out("}")
             out()
         else:
@@ -1456,7 +1456,7 @@ def emit_del_all_and_notify(out, t, a, key):
         out(f"    Kal::kalNotifyCb(kalNotifieeList_, {a.id}, &NotifieeConst::on{cap});")
     elif shared(t):
         out(f"    if ({rd(t, n + '_')}.members() == 0) return;")
-        out(f"    {forget_hash(t)}{wr(t, n + '_')}.deleteAll();")
+        out(f"    {begin_change(t)}{forget_hash(t)}{wr(t, n + '_')}.deleteAll();")
     else:
         out(f"    {forget_hash(t)}{n}_.deleteAll();")
     out("}")
