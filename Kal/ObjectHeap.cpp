@@ -384,8 +384,6 @@ void* allocate(std::size_t bytes) { return allocateFast(bytes); }
 
 void deallocate(void* p, std::size_t bytes) noexcept { deallocateFast(p, bytes); }
 
-bool servesCountedObjects() noexcept { return KAL_COUNTED_ON_OBJECT_HEAP; }
-
 Stats stats() {
     Lock lock;
     return Stats{reservedBytes, pooledPages};

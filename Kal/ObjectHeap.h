@@ -70,9 +70,6 @@ void* allocate(std::size_t bytes);
 // Gives back what allocate(bytes) returned, with the same `bytes`; any thread may.
 void deallocate(void* p, std::size_t bytes) noexcept;
 
-// Whether Kal::PtrInterface objects are served from here in this build.
-bool servesCountedObjects() noexcept;
-
 struct Stats {
     std::size_t reservedBytes; // taken from the system for pages, in all
     std::size_t pooledPages;   // empty pages in the process-wide pool
