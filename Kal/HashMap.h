@@ -532,6 +532,11 @@ class HashMap {
     Member* findOrPlace(Key const& key, Place& place) {
         return down(raw_.findOrPlace(hashOf(key), &key, place));
     }
+    // The same for a caller that has the key's hash (hashOf(key)) at hand.
+    Member* findOrPlace(Key const& key, U32 hash, Place& place) {
+        KAL_DASSERT(hash == hashOf(key));
+        return down(raw_.findOrPlace(hash, &key, place));
+    }
     // Files t, whose key findOrPlace placed in the map as it still is; the map takes over
     // t's reference. Returns the member.
     Member* newMemberAt(Ptr<Member>&& t, Place const& place) {

@@ -497,12 +497,6 @@ template <class T> class BulkAdoption {
         fresh_.resize(kept);
     }
 
-    // An adjacency made, with the via set that both its tables share.
-    struct Made {
-        typename T::ViaSetT viaSet;
-        Adjacency *adj; // held by the tables
-    };
-
     // Fills an empty via set from a record's FEC, as doContructAdj adopts one.
     void build(typename T::ViaSetT &viaSet, Fresh const &f) const {
         for (U32 v = f.vias; v < f.vias + f.viaCount; ++v)
@@ -511,86 +505,104 @@ template <class T> class BulkAdoption {
         viaSet.typeIs(f.type);
     }
 
-    // Calls fn(record, i) on the records in the order of `rank` (a stable sort of (key,
-    // record) by key), i counting from 0, touching them a few places ahead: a record and its
-    // vias sit wherever the FEC table's order put them.
-    using Rank = std::vector<std::pair<U32, U32>>;
-    template <class Fn> void inRankOrder(Rank &rank, Fn &&fn) {
-        sortByKey(rank);
-        constexpr std::size_t ahead = 8;
-        for (std::size_t i = 0; i < rank.size(); ++i) {
-            if (i + 2 * ahead < rank.size())
-                __builtin_prefetch(&fresh_[rank[i + 2 * ahead].second]);
-            if (i + ahead < rank.size())
-                __builtin_prefetch(&vias_[fresh_[rank[i + ahead].second].vias]);
-            fn(fresh_[rank[i].second], i);
-        }
-    }
-
-    // Least significant digit first, 11 bits at a time: stable, three passes after one
-    // that counts all three digits.
-    void sortByKey(Rank &rank) {
+    // Sorts records by a 32-bit key, stably: least significant digit first, 11 bits at a
+    // time, three passes after one that counts all three digits. The records themselves
+    // move, so that the pass that follows reads them in order: its long loop body waits for
+    // every miss it takes, and a record read out of order is one.
+    template <class R, class Key> static void sortByKey(std::vector<R> &v, Key key) {
         constexpr unsigned bits = 11;
         constexpr U32 digits = 1u << bits;
         constexpr U32 mask = digits - 1;
         std::vector<U32> start(3 * digits);
-        for (auto const &r : rank) {
-            ++start[r.first & mask];
-            ++start[digits + ((r.first >> bits) & mask)];
-            ++start[2 * digits + (r.first >> 2 * bits)];
+        for (auto const &r : v) {
+            U32 const k = key(r);
+            ++start[k & mask];
+            ++start[digits + ((k >> bits) & mask)];
+            ++start[2 * digits + (k >> 2 * bits)];
         }
-        sortScratch_.resize(rank.size());
+        std::vector<R> scratch(v.size());
         for (unsigned pass = 0; pass < 3; ++pass) {
             U32 *const first = &start[pass * digits];
             U32 sum = 0;
             for (U32 d = 0; d < digits; ++d)
                 sum += std::exchange(first[d], sum);
             unsigned const shift = pass * bits;
-            for (auto const &r : rank)
-                sortScratch_[first[(r.first >> shift) & mask]++] = r;
-            rank.swap(sortScratch_);
+            for (auto const &r : v)
+                scratch[first[(key(r) >> shift) & mask]++] = r;
+            v.swap(scratch);
         }
     }
 
+    using ViaSetMember = typename T::Tables::KalViaSetToAdjacency;
+
+    // A member of the via-set table, made while its set and adjacency were at hand, to be
+    // filed in that table's order: its key's hash, the rank of its FEC's first appearance.
+    struct Filed {
+        U32 hash;
+        U32 first;
+        ViaSetMember *member; // its one reference, for the table
+    };
+
+    // The members made and not yet filed, released should the adoption stop half-way (a
+    // failed allocation).
+    struct Unfiled {
+        std::vector<Filed> members;
+        std::size_t filed = 0;
+        ~Unfiled() {
+            for (std::size_t i = filed; i < members.size(); ++i)
+                Kal::Ptr<ViaSetMember>::kalAdopt(members[i].member);
+        }
+    };
+
+    // The via-set table's order for its members: by hash, equal hashes (equal via sets
+    // among them) by first appearance, so that of equal sets the table keeps the last.
+    static void sortFiled(std::vector<Filed> &filed) {
+        sortByKey(filed, [](Filed const &r) { return r.hash; });
+        for (std::size_t i = 0; i < filed.size();) {
+            std::size_t j = i + 1;
+            while (j < filed.size() && filed[j].hash == filed[i].hash)
+                ++j;
+            if (j - i > 1) {
+                std::sort(filed.begin() + std::ptrdiff_t(i), filed.begin() + std::ptrdiff_t(j),
+                          [](Filed const &a, Filed const &b) { return a.first < b.first; });
+            }
+            i = j;
+        }
+    }
+
+    // Each via set is made once and held by its three members, all made while the set is
+    // at hand (a member's copy of it counts its state, which is then in the cache). The
+    // index tables are filed in their order as the records come; the via-set table's
+    // members wait for theirs.
     void file() {
         using IndexMap = typename T::Tables::KalAdjacencyMap;
         using ViaSetMap = typename T::Tables::KalViaSetToAdjacencyMap;
-        Rank rank(fresh_.size());
-        for (U32 i = 0; i < fresh_.size(); ++i)
-            rank[i] = {IndexMap::hashOf(fresh_[i].id), i};
-        // Each via set is made once; both tables that hold one share it (and its hash).
-        // The via-set table's order is noted on the way: what was made, by rank of first
-        // appearance.
-        std::vector<Made> made;
-        made.reserve(fresh_.size());
-        Rank byFirst(order_.size(), {0, U32(-1)});
-        inRankOrder(rank, [&](Fresh const &f, std::size_t i) {
+        sortByKey(fresh_, [](Fresh const &f) { return IndexMap::hashOf(f.id); });
+        Unfiled unfiled;
+        auto &filed = unfiled.members;
+        filed.reserve(fresh_.size());
+        constexpr std::size_t ahead = 8;
+        for (std::size_t i = 0; i < fresh_.size(); ++i) {
+            if (i + ahead < fresh_.size())
+                __builtin_prefetch(&vias_[fresh_[i + ahead].vias]);
+            Fresh const &f = fresh_[i];
             Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
             adj->indexIs(f.id);
             adj->refCountIs(f.count);
-            auto &m = made.emplace_back(Made{{}, adj.ptr()});
-            build(m.viaSet, f);
-            byFirst[f.first] = {ViaSetMap::hashOf(m.viaSet), U32(i)};
-            tables_.adjIndexToViaSetIs(f.id, m.viaSet);
+            typename T::ViaSetT viaSet;
+            build(viaSet, f);
+            filed.push_back(Filed{ViaSetMap::hashOf(viaSet), f.first,
+                                  Kal::kalNew<ViaSetMember>(viaSet, adj).release()});
+            tables_.adjIndexToViaSetIs(f.id, std::move(viaSet));
             tables_.adjacencyIs(f.id, std::move(adj));
-        });
-        // The via-set table in first-appearance order within equal hashes: the sort is
-        // stable, so the sets go in in that order.
-        byFirst.erase(std::remove_if(byFirst.begin(), byFirst.end(),
-                                     [](auto const &r) { return r.second == U32(-1); }),
-                      byFirst.end());
-        sortByKey(byFirst);
-        constexpr std::size_t ahead = 8;
-        for (std::size_t i = 0; i < byFirst.size(); ++i) {
-            if (i + 2 * ahead < byFirst.size())
-                __builtin_prefetch(&made[byFirst[i + 2 * ahead].second]);
-            if (i + ahead < byFirst.size()) {
-                Made const &m = made[byFirst[i + ahead].second];
-                __builtin_prefetch(&m.viaSet.kalVia()); // its state: the hash, the vias
-                __builtin_prefetch(m.adj);
-            }
-            Made &m = made[byFirst[i].second];
-            tables_.viaSetToAdjacencyIs(std::move(m.viaSet), Adjacency::Ptr(m.adj));
+        }
+        sortFiled(filed);
+        while (unfiled.filed < filed.size()) {
+            std::size_t const i = unfiled.filed++; // the table has it from here on
+            if (i + ahead < filed.size())
+                __builtin_prefetch(filed[i + ahead].member);
+            tables_.kalViaSetToAdjacencyMemberIs(Kal::Ptr<ViaSetMember>::kalAdopt(filed[i].member),
+                                                 filed[i].hash);
         }
     }
 
@@ -600,7 +612,6 @@ template <class T> class BulkAdoption {
     std::vector<U64> order_; // ids in order of first appearance
     std::vector<Fresh> fresh_;
     std::vector<typename T::Via> vias_;
-    Rank sortScratch_;
 };
 
 // The route table is walked in batches of adoptable routes. Each batch is adopted before

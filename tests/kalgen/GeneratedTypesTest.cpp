@@ -163,6 +163,55 @@ TEST_F(GeneratedTypes, CollectionWriteRulesAndIterators) {
     EXPECT_EQ(calls(), (Calls{"x 4", "x 4", "x 4"}));
 }
 
+// A member made ahead of filing (a loader's path) has the outcome of the plain setter: a new
+// key files the member itself, a key already there takes its value (or goes, for a null
+// one), the value already held changes nothing; the members the table does not take are
+// released.
+TEST_F(GeneratedTypes, AMemberMadeAheadIsFiledAsTheSetterWouldFileItsKeyAndValue) {
+    using Member = Tree::KalLeafByBag;
+    using Map = Tree::KalLeafByBagMap;
+    Kal::Ptr<Leaf> a = new Leaf("a"), b = new Leaf("b");
+    Bag bag;
+    bag.itemsIs(1, 2);
+    auto fileAhead = [&](Bag const& key, Kal::Ptr<Leaf> const& value) {
+        Kal::Ptr<Member> m = Kal::kalNew<Member>(key, value);
+        Member const* const raw = m.ptr();
+        tree_->kalLeafByBagMemberIs(std::move(m), Map::hashOf(key));
+        return raw;
+    };
+
+    Member const* const first = fileAhead(bag, a);
+    EXPECT_EQ(tree_->kalLeafByBag()[bag], first) << "a new key files the member made";
+    EXPECT_TRUE(tree_->kalLeafByBag()[bag]->fwkValue()->name() == Kal::Name("a"));
+    fileAhead(bag, a); // the value held: nothing
+    fileAhead(bag, b);
+    EXPECT_EQ(tree_->kalLeafByBag()[bag], first) << "the key's member takes the new value";
+    EXPECT_EQ(tree_->leafByBag(bag), b);
+    EXPECT_EQ(calls(), (Calls{"bag", "bag"}));
+    EXPECT_EQ(a->references(), 1u) << "the members not taken were released";
+
+    Bag other;
+    other.itemsIs(3, 4);
+    fileAhead(other, nullptr); // absent + null: nothing
+    EXPECT_EQ(tree_->leafByBags(), 1u);
+    fileAhead(bag, nullptr); // present + null: removes
+    EXPECT_EQ(tree_->leafByBags(), 0u);
+    EXPECT_EQ(calls(), Calls{"bag"});
+    EXPECT_EQ(b->references(), 1u);
+
+    // Filed among others, a member lands where the setter would put it.
+    for (S32 i = 0; i < 40; ++i) {
+        Bag k;
+        k.itemsIs(U64(i), i);
+        if (i % 2)
+            fileAhead(k, a);
+        else
+            tree_->leafByBagIs(k, a);
+    }
+    EXPECT_EQ(tree_->kalLeafByBag().verify(), "");
+    EXPECT_EQ(tree_->leafByBags(), 40u);
+}
+
 TEST_F(GeneratedTypes, OrderedCollectionCreatesMembersAndRefusesReinstantiation) {
     auto s = tree_->stampsIs(30, 300);
     EXPECT_EQ(tree_->stampsIs(30, 300), s) << "same parameters: the same entry";

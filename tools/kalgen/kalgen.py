@@ -17,7 +17,7 @@ import os
 import re
 import sys
 
-GENERATOR_VERSION = 3  # must match KAL_MODEL_RUNTIME_VERSION in Kal/Model.h
+GENERATOR_VERSION = 4  # must match KAL_MODEL_RUNTIME_VERSION in Kal/Model.h
 
 BUILTINS = {
     "U8": "U8", "U16": "U16", "U32": "U32", "U64": "U64", "S32": "S32", "S64": "S64",
@@ -715,6 +715,9 @@ def emit_accessors(out, t, a):
             out(f"    void {n}Is({key} key, {vt} const& value);")
             out(f"    // The same for a value given up: a new member takes key and value over.")
             out(f"    void {n}Is({cxx_type(a.key)} key, {vt}&& value);")
+            out(f"    // The same for a member made beforehand (Kal::kalNew<{m}>(key, value)), whose")
+            out(f"    // key's hash ({m}Map::hashOf(key)) the caller has at hand: for loaders.")
+            out(f"    void kal{cap}MemberIs(Kal::Ptr<{m}>&& member, U32 hash);")
             ret = vt if a.is_ptr_value else f"{m}*"
             out(f"    {ret} new{cap}({key} key, {vt} const& value);")
             out(f"    void {n}Del({key} key);")
@@ -1394,6 +1397,10 @@ def emit_accessor_impl(out, t, a):
             # The given-up key and value move into the new member.
             out(f"void {T}::{n}Is({cxx_type(a.key)} k, {vt}&& value) {{")
             out(f"    Kal::kalCollIs<{m}>({n}_, std::move(k), std::move(value), {notify});")
+            out("}")
+            out()
+            out(f"void {T}::kal{cap}MemberIs(Kal::Ptr<{m}>&& member, U32 hash) {{")
+            out(f"    Kal::kalCollMemberIs({n}_, std::move(member), hash, {notify});")
             out("}")
             out()
             ret = vt if a.is_ptr_value else f"{T}::{m}*"
