@@ -434,23 +434,22 @@ template <class T> class BulkAdoption {
         std::size_t hashed_ = 0;
     };
 
-    // A FEC to adopt, as read: its vias are vias_[vias, vias + viaCount).
+    // A FEC to adopt, as read: its vias are vias_[vias, vias + viaCount). Its routes and
+    // its rank of first appearance stay in the tally.
     struct Fresh {
         U64 id;
-        U32 count;
-        U32 first;
         U32 vias;
         U8 viaCount; // a FEC holds at most 128
         U8 type;
         U16 nhid;
     };
 
-    void take(U64 id, U32 count, U32 first, typename T::Fec const &fec) {
+    void take(U64 id, typename T::Fec const &fec) {
         U32 const vias = U32(vias_.size());
         for (auto it = fec.viaIteratorConst(); it; ++it)
             vias_.push_back(*it);
-        fresh_.push_back(Fresh{id, count, first, vias, U8(vias_.size() - vias),
-                               U8(fec.fecType()), fec.nexthopGroupId()});
+        fresh_.push_back(
+            Fresh{id, vias, U8(vias_.size() - vias), U8(fec.fecType()), fec.nexthopGroupId()});
     }
 
     void readFecs(std::size_t pending) {
@@ -462,7 +461,7 @@ template <class T> class BulkAdoption {
                 fresh_.reserve(fib.fecs());
                 vias_.reserve(fib.fecs());
                 for (auto it = fib.fecIteratorConst(); it; ++it)
-                    take(it.key().value(), 0, 0, *it);
+                    take(it.key().value(), *it);
                 keepNamed();
                 return;
             } catch (...) {
@@ -475,11 +474,11 @@ template <class T> class BulkAdoption {
         for (U64 const id : order_) {
             auto const *e = tally_.find(id);
             if (e->first != RouteTally::taken && fib.fec(Strata::Fib::FecId(id), fec))
-                take(id, e->count, e->first, fec);
+                take(id, fec);
         }
     }
 
-    // Completes the records of a walk from the tally, keeping those still to adopt.
+    // Keeps the records of a walk that are still to adopt.
     void keepNamed() {
         constexpr std::size_t ahead = 16;
         std::size_t kept = 0;
@@ -487,12 +486,8 @@ template <class T> class BulkAdoption {
             if (i + ahead < fresh_.size())
                 tally_.prefetch(fresh_[i + ahead].id);
             auto const *e = tally_.find(fresh_[i].id);
-            if (!e || e->first == RouteTally::taken)
-                continue;
-            fresh_[kept] = fresh_[i];
-            fresh_[kept].count = e->count;
-            fresh_[kept].first = e->first;
-            ++kept;
+            if (e && e->first != RouteTally::taken)
+                fresh_[kept++] = fresh_[i];
         }
         fresh_.resize(kept);
     }
@@ -583,15 +578,18 @@ template <class T> class BulkAdoption {
         filed.reserve(fresh_.size());
         constexpr std::size_t ahead = 8;
         for (std::size_t i = 0; i < fresh_.size(); ++i) {
-            if (i + ahead < fresh_.size())
+            if (i + ahead < fresh_.size()) {
                 __builtin_prefetch(&vias_[fresh_[i + ahead].vias]);
+                tally_.prefetch(fresh_[i + ahead].id);
+            }
             Fresh const &f = fresh_[i];
+            auto const &named = *tally_.find(f.id);
             Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
             adj->indexIs(f.id);
-            adj->refCountIs(f.count);
+            adj->refCountIs(named.count);
             typename T::ViaSetT viaSet;
             build(viaSet, f);
-            filed.push_back(Filed{ViaSetMap::hashOf(viaSet), f.first,
+            filed.push_back(Filed{ViaSetMap::hashOf(viaSet), named.first,
                                   Kal::kalNew<ViaSetMember>(viaSet, adj).release()});
             tables_.adjIndexToViaSetIs(f.id, std::move(viaSet));
             tables_.adjacencyIs(f.id, std::move(adj));
