@@ -296,11 +296,11 @@ template <class T> void adoptBatch(typename T::Helper &h, U64 const *ids, std::s
 // order of insertion, and an adjacency changes silently. When nobody can watch the sync
 // (no notifiee on the adjacency status, level 0 of this file's trace off, no coverage
 // stream), the same tables are built in bulk, without a lookup per route:
-//   1. the walk tallies the routes per FEC id (RouteTally), noting the order in which the
-//      ids first appear;
+//   1. the walk tallies the routes per FEC id (RouteTally), noting the rank of each id's
+//      first appearance;
 //   2. ids that already have an adjacency are set aside: they only take references;
 //   3. the FECs of the other ids are read, in the FEC table's own order when they are many
-//      (a walk beats a lookup each), by lookups in order of first appearance otherwise;
+//      (a walk beats a lookup each), by a lookup each otherwise;
 //   4. the references of step 2 are taken, and the new adjacencies made, each with as many
 //      references as routes name it, and filed in the order of each table's positions, so
 //      that every insertion lands beside the previous one. Equal via sets are filed in the
@@ -311,9 +311,7 @@ template <class T> class BulkAdoption {
   public:
     // `room`: the number of distinct FEC ids to expect.
     BulkAdoption(typename T::Helper &h, U32 room)
-        : h_(h), tables_(*h.ridgeStatus()), tally_(room) {
-        order_.reserve(room);
-    }
+        : h_(h), tables_(*h.ridgeStatus()), tally_(room) {}
 
     // Whether the bulk path leaves no trace that route-by-route adoption would leave.
     static bool unobserved(typename T::Helper const &h) {
@@ -327,8 +325,7 @@ template <class T> class BulkAdoption {
         for (std::size_t i = 0; i < n; ++i) {
             if (i + ahead < n)
                 tally_.prefetch(ids[i + ahead]);
-            if (tally_.bump(ids[i]))
-                order_.push_back(ids[i]);
+            tally_.bump(ids[i]);
         }
     }
 
@@ -341,7 +338,7 @@ template <class T> class BulkAdoption {
                 e->first = RouteTally::taken;
             }
         }
-        readFecs(order_.size() - found.size());
+        readFecs(tally_.distinct() - found.size());
         for (auto const &[adj, count] : found)
             adj->refCountInc(count);
         file();
@@ -370,7 +367,7 @@ template <class T> class BulkAdoption {
             slots_.resize(std::size_t(1) << (64 - shift_));
         }
 
-        bool bump(U64 id) {
+        void bump(U64 id) {
             Entry *e;
             if (id < denseSize_) {
                 e = &dense_[std::size_t(id)];
@@ -380,11 +377,23 @@ template <class T> class BulkAdoption {
                 e = &s.entry;
             }
             if (e->count++)
-                return false;
+                return;
             e->first = distinct_++;
             if (id >= denseSize_ && ++hashed_ > slots_.size() / 2)
                 grow();
-            return true;
+        }
+        // The distinct ids counted.
+        U32 distinct() const noexcept { return distinct_; }
+        // Calls fn(id, entry) for every id counted, in no particular order.
+        template <class Fn> void forEach(Fn &&fn) {
+            for (std::size_t id = 0; id < denseSize_; ++id) {
+                if (dense_[id].count)
+                    fn(U64(id), dense_[id]);
+            }
+            for (Slot &s : slots_) {
+                if (s.entry.count)
+                    fn(s.id, s.entry);
+            }
         }
         Entry *find(U64 id) {
             Entry *e = id < denseSize_ ? &dense_[std::size_t(id)] : &slot(id).entry;
@@ -471,11 +480,10 @@ template <class T> class BulkAdoption {
             }
         }
         typename T::Fec fec;
-        for (U64 const id : order_) {
-            auto const *e = tally_.find(id);
-            if (e->first != RouteTally::taken && fib.fec(Strata::Fib::FecId(id), fec))
+        tally_.forEach([&](U64 id, typename RouteTally::Entry const &e) {
+            if (e.first != RouteTally::taken && fib.fec(Strata::Fib::FecId(id), fec))
                 take(id, fec);
-        }
+        });
     }
 
     // Keeps the records of a walk that are still to adopt.
@@ -594,6 +602,9 @@ template <class T> class BulkAdoption {
             tables_.adjIndexToViaSetIs(f.id, std::move(viaSet));
             tables_.adjacencyIs(f.id, std::move(adj));
         }
+        // The records are done with: their memory can serve the sort.
+        std::vector<Fresh>().swap(fresh_);
+        std::vector<typename T::Via>().swap(vias_);
         sortFiled(filed);
         while (unfiled.filed < filed.size()) {
             std::size_t const i = unfiled.filed++; // the table has it from here on
@@ -607,7 +618,6 @@ template <class T> class BulkAdoption {
     typename T::Helper &h_;
     typename T::Tables &tables_;
     RouteTally tally_;
-    std::vector<U64> order_; // ids in order of first appearance
     std::vector<Fresh> fresh_;
     std::vector<typename T::Via> vias_;
 };
