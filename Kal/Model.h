@@ -140,9 +140,40 @@ class HashCache {
 // Reads (read()) never copy. Like the value, a holder is for one thread at a time; the
 // state's count is atomic, so copies may live on other threads.
 template <class Rep>
+class KalShared;
+
+// A counted reference to the state of a value, apart from any value: what a loader keeps of
+// a value it makes now and files later (Foo::kalShare()), and gives then to the value that
+// takes the state over (Foo(KalState)), which touches nothing of the state. Moving it moves
+// the reference; a reference still held when it goes is released.
+template <class Rep>
+class KalStateRef {
+  public:
+    KalStateRef() noexcept = default;
+    KalStateRef(KalStateRef&&) noexcept = default;
+    KalStateRef& operator=(KalStateRef&&) noexcept = default;
+
+    // Touches the state ahead of its use: its count and the fields that follow it (the
+    // hash a value keeps comes first).
+    void kalPrefetch() const noexcept {
+        char const* const p = reinterpret_cast<char const*>(rep_.ptr());
+        __builtin_prefetch(p);
+        __builtin_prefetch(p + sizeof(PtrInterface) + sizeof(U64) - 1);
+    }
+
+  private:
+    friend class KalShared<Rep>;
+    explicit KalStateRef(Ptr<Rep> rep) noexcept : rep_(std::move(rep)) {}
+    Ptr<Rep> rep_;
+};
+
+template <class Rep>
 class KalShared {
   public:
     KalShared() noexcept : rep_(Rep::kalEmpty()) {}
+    // Takes over the state that kalShare() gave (the empty state for an empty reference).
+    explicit KalShared(KalStateRef<Rep>&& s) noexcept
+        : rep_(s.rep_ ? std::move(s.rep_) : Rep::kalEmpty()) {}
     KalShared(KalShared const& o) : rep_(o.rep_->kalIterated() ? kalNew<Rep>(*o.rep_) : o.rep_) {}
     KalShared(KalShared&& o) noexcept : rep_(Rep::kalEmpty()) {
         if (o.rep_->kalIterated()) {
@@ -174,6 +205,11 @@ class KalShared {
             rep_ = std::exchange(o.rep_, Rep::kalEmpty());
         }
         return *this;
+    }
+
+    // A counted reference to the state, by the copy rule: a state with an iterator is copied.
+    KalStateRef<Rep> kalShare() const {
+        return KalStateRef<Rep>(rep_->kalIterated() ? kalNew<Rep>(*rep_) : rep_);
     }
 
     Rep const& read() const noexcept { return *rep_; }

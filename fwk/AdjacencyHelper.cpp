@@ -530,34 +530,26 @@ template <class T> class BulkAdoption {
             for (U32 d = 0; d < digits; ++d)
                 sum += std::exchange(first[d], sum);
             unsigned const shift = pass * bits;
-            for (auto const &r : v)
-                scratch[first[(key(r) >> shift) & mask]++] = r;
+            for (auto &r : v)
+                scratch[first[(key(r) >> shift) & mask]++] = std::move(r);
             v.swap(scratch);
         }
     }
 
     using ViaSetMember = typename T::Tables::KalViaSetToAdjacency;
 
-    // A member of the via-set table, made while its set and adjacency were at hand, to be
-    // filed in that table's order: its key's hash, the rank of its FEC's first appearance.
+    // An entry of the via-set table, noted while its set and adjacency were at hand, with a
+    // reference to each taken then; its member is made when it is filed, in that table's
+    // order, from those references: neither the set's state nor the adjacency is touched
+    // again. `first`: the rank of its FEC's first appearance.
     struct Filed {
         U32 hash;
         U32 first;
-        ViaSetMember *member; // its one reference, for the table
+        typename T::ViaSetT::KalState viaSet;
+        Adjacency::Ptr adj;
     };
 
-    // The members made and not yet filed, released should the adoption stop half-way (a
-    // failed allocation).
-    struct Unfiled {
-        std::vector<Filed> members;
-        std::size_t filed = 0;
-        ~Unfiled() {
-            for (std::size_t i = filed; i < members.size(); ++i)
-                Kal::Ptr<ViaSetMember>::kalAdopt(members[i].member);
-        }
-    };
-
-    // The via-set table's order for its members: by hash, equal hashes (equal via sets
+    // The via-set table's order for its entries: by hash, equal hashes (equal via sets
     // among them) by first appearance, so that of equal sets the table keeps the last.
     static void sortFiled(std::vector<Filed> &filed) {
         sortByKey(filed, [](Filed const &r) { return r.hash; });
@@ -573,16 +565,15 @@ template <class T> class BulkAdoption {
         }
     }
 
-    // Each via set is made once and held by its three members, all made while the set is
-    // at hand (a member's copy of it counts its state, which is then in the cache). The
-    // index tables are filed in their order as the records come; the via-set table's
-    // members wait for theirs.
+    // Each via set is made once and shared by its three entries. The index tables are
+    // filed in their order as the records come; the via-set table's entries wait for
+    // theirs. Every member is made as it is filed, so that the members of a table lie in
+    // memory in its order.
     void file() {
         using IndexMap = typename T::Tables::KalAdjacencyMap;
         using ViaSetMap = typename T::Tables::KalViaSetToAdjacencyMap;
         sortByKey(fresh_, [](Fresh const &f) { return IndexMap::hashOf(f.id); });
-        Unfiled unfiled;
-        auto &filed = unfiled.members;
+        std::vector<Filed> filed;
         filed.reserve(fresh_.size());
         constexpr std::size_t ahead = 8;
         for (std::size_t i = 0; i < fresh_.size(); ++i) {
@@ -597,8 +588,7 @@ template <class T> class BulkAdoption {
             adj->refCountIs(named.count);
             typename T::ViaSetT viaSet;
             build(viaSet, f);
-            filed.push_back(Filed{ViaSetMap::hashOf(viaSet), named.first,
-                                  Kal::kalNew<ViaSetMember>(viaSet, adj).release()});
+            filed.push_back(Filed{ViaSetMap::hashOf(viaSet), named.first, viaSet.kalShare(), adj});
             tables_.adjIndexToViaSetIs(f.id, std::move(viaSet));
             tables_.adjacencyIs(f.id, std::move(adj));
         }
@@ -606,12 +596,14 @@ template <class T> class BulkAdoption {
         std::vector<Fresh>().swap(fresh_);
         std::vector<typename T::Via>().swap(vias_);
         sortFiled(filed);
-        while (unfiled.filed < filed.size()) {
-            std::size_t const i = unfiled.filed++; // the table has it from here on
+        // Filing one reads the hash of the set before it in its chain, if any: a state not
+        // touched since it was made, touched ahead here.
+        for (std::size_t i = 0; i < filed.size(); ++i) {
             if (i + ahead < filed.size())
-                __builtin_prefetch(filed[i + ahead].member);
-            tables_.kalViaSetToAdjacencyMemberIs(Kal::Ptr<ViaSetMember>::kalAdopt(filed[i].member),
-                                                 filed[i].hash);
+                filed[i + ahead].viaSet.kalPrefetch();
+            Filed &r = filed[i];
+            tables_.kalViaSetToAdjacencyMemberIs(
+                Kal::kalNew<ViaSetMember>(std::move(r.viaSet), std::move(r.adj)), r.hash);
         }
     }
 

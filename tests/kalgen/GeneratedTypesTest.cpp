@@ -358,6 +358,24 @@ TEST_F(GeneratedTypes, CopiesShareTheirStateUntilOneChangesAndIteratorsKeepValue
         EXPECT_EQ(a.items(1), 13);
         EXPECT_EQ(copy.items(1), 10);
     }
+    // A state reference (a loader's copy, kept apart from any value) follows the copy rule
+    // and gives a value that takes the state over: shared while no iterator stands in it.
+    {
+        Bag::KalState kept = a.kalShare();
+        Bag later(std::move(kept));
+        EXPECT_TRUE(sameState(a, later));
+        EXPECT_EQ(later, a);
+        auto it = a.itemsIterator();
+        Bag::KalState copied = a.kalShare();
+        Bag apart(std::move(copied));
+        EXPECT_FALSE(sameState(a, apart)) << "a state with an iterator is copied";
+        *it = 14;
+        EXPECT_EQ(a.items(1), 14);
+        EXPECT_EQ(apart.items(1), 13);
+        Bag empty{Bag::KalState()};
+        EXPECT_TRUE(sameState(empty, Bag())) << "an empty reference gives the empty state";
+        Bag::KalState unused = a.kalShare(); // released unused (the leak check sees to it)
+    }
     // An iterator made through a copy that shares stands in that copy alone.
     {
         Bag b = a;

@@ -500,6 +500,9 @@ def emit_header(model):
 def emit_class(out, t):
     base = {"value": None, "entity": "Kal::Entity", "object": "Kal::PtrInterface"}[t.kind]
     out(f"class {t.name}" + (f" : public {base}" if base else "") + " {")
+    if shared(t):
+        out("    struct KalRep; // the state, below")
+        out()
     out("  public:")
     if t.kind != "value":
         out(f"    using Ptr = Kal::Ptr<{t.name}>;")
@@ -530,6 +533,12 @@ def emit_class(out, t):
     pdecl = ", ".join(f"{arg_type(a.type)} {a.name}" for a in params)
     if t.kind == "value":
         out(f"    {t.name}() = default;")
+        if shared(t):
+            out("    // The state of a value apart from the value (Kal::KalStateRef): kalShare() gives a")
+            out("    // counted reference to it, and a value made from one takes it over untouched.")
+            out("    using KalState = Kal::KalStateRef<KalRep>;")
+            out(f"    explicit {t.name}(KalState state) noexcept : kalRep_(std::move(state)) {{}}")
+            out("    KalState kalShare() const { return kalRep_.kalShare(); }")
         plain = [a for a in t.own(("attr",)) if not a.const_expr]
         if plain and not t.own(("coll",)):
             out(f"    explicit {t.name}(" +
