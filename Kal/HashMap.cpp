@@ -263,7 +263,8 @@ void HashMapRaw::swap(HashMapRaw& other) noexcept {
     std::swap(floorBuckets_, other.floorBuckets_);
 }
 
-U64 HashMapRaw::capacity(U32 bucketCount) const noexcept {
+// Inlined: every insertion asks.
+[[gnu::always_inline]] inline U64 HashMapRaw::capacity(U32 bucketCount) const noexcept {
     U64 const byLoad = U64(bucketCount) * maxLoadNum / maxLoadDen;
     return byLoad > smallMapMembers ? byLoad : smallMapMembers;
 }

@@ -173,7 +173,7 @@ namespace Kal {
 #define KAL_HAVE_BITREVERSE32 1
 #endif
 #endif
-constexpr U32 bitReverse(U32 x) noexcept {
+[[gnu::always_inline]] constexpr U32 bitReverse(U32 x) noexcept {
 #ifdef KAL_HAVE_BITREVERSE32
     return __builtin_bitreverse32(x);
 #else

@@ -133,14 +133,21 @@ void kalGuardedCall(N& notifiee, AttributeId attr, F&& call) noexcept {
     }
 }
 
-// Delivers one change to every notifiee of a list: the snapshot walk of ListRaw.h, each
-// call guarded. `call` receives N& and invokes the onFoo callback.
+// The walk of kalNotify, kept apart: most changes have nobody to tell, and the test for
+// that is then all a change pays.
 template <class N, class F>
-void kalNotify(ListRaw<N> const& list, AttributeId attr, F&& call) {
-    if (list.empty()) return;
+[[gnu::noinline]] void kalNotifyEach(ListRaw<N> const& list, AttributeId attr, F& call) {
     for (SnapshotIterator<N> it(list); !it.done(); it.advance()) {
         kalGuardedCall(*it.ptr(), attr, call);
     }
+}
+
+// Delivers one change to every notifiee of a list: the snapshot walk of ListRaw.h, each
+// call guarded. `call` receives N& and invokes the onFoo callback.
+template <class N, class F>
+inline void kalNotify(ListRaw<N> const& list, AttributeId attr, F&& call) {
+    if (!list.empty()) [[unlikely]]
+        kalNotifyEach(list, attr, call);
 }
 
 } // namespace Kal
