@@ -550,7 +550,8 @@ def emit_class(out, t):
         if "key" in t.options:
             out(f"    explicit {t.name}({pdecl});")
         else:
-            out(f"    explicit {t.name}(Kal::Name const& name" +
+            # By value: a name made for the call (the default one included) moves in.
+            out(f"    explicit {t.name}(Kal::Name name" +
                 (", " + pdecl if pdecl else " = Kal::Name()") + ");")
         out(f"    ~{t.name}() override;")
         if "factory" in t.options:
@@ -1162,8 +1163,8 @@ def emit_type_impl(out, t):
                 out(f"    : Kal::Entity(Kal::Name(Kal::valueToStrep({key})))" +
                     "".join(f", {i}" for i in inits) + " {")
             else:
-                out(f"{T}::{T}(Kal::Name const& name" + (", " + pdecl if pdecl else "") + ")")
-                out("    : Kal::Entity(name)" + "".join(f", {i}" for i in inits) + " {")
+                out(f"{T}::{T}(Kal::Name name" + (", " + pdecl if pdecl else "") + ")")
+                out("    : Kal::Entity(std::move(name))" + "".join(f", {i}" for i in inits) + " {")
         else:
             out(f"{T}::{T}({pdecl})")
             out("    " + (": " + ", ".join(inits) if inits else "") + " {")
