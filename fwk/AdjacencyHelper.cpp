@@ -443,22 +443,25 @@ template <class T> class BulkAdoption {
         std::size_t hashed_ = 0;
     };
 
-    // A FEC to adopt, as read: its vias are vias_[vias, vias + viaCount). Its routes and
-    // its rank of first appearance stay in the tally.
+    // A FEC to adopt, as read, with its routes and the rank of its first appearance (from
+    // the tally: looking them up while the adjacencies are made was slower, and its time
+    // scattered from sync to sync by half). Its vias are vias_[vias, vias + viaCount).
     struct Fresh {
         U64 id;
+        U32 count;
+        U32 first;
         U32 vias;
         U8 viaCount; // a FEC holds at most 128
         U8 type;
         U16 nhid;
     };
 
-    void take(U64 id, typename T::Fec const &fec) {
+    void take(U64 id, U32 count, U32 first, typename T::Fec const &fec) {
         U32 const vias = U32(vias_.size());
         for (auto it = fec.viaIteratorConst(); it; ++it)
             vias_.push_back(*it);
-        fresh_.push_back(
-            Fresh{id, vias, U8(vias_.size() - vias), U8(fec.fecType()), fec.nexthopGroupId()});
+        fresh_.push_back(Fresh{id, count, first, vias, U8(vias_.size() - vias),
+                               U8(fec.fecType()), fec.nexthopGroupId()});
     }
 
     void readFecs(std::size_t pending) {
@@ -470,7 +473,7 @@ template <class T> class BulkAdoption {
                 fresh_.reserve(fib.fecs());
                 vias_.reserve(fib.fecs());
                 for (auto it = fib.fecIteratorConst(); it; ++it)
-                    take(it.key().value(), *it);
+                    take(it.key().value(), 0, 0, *it);
                 keepNamed();
                 return;
             } catch (...) {
@@ -482,11 +485,11 @@ template <class T> class BulkAdoption {
         typename T::Fec fec;
         tally_.forEach([&](U64 id, typename RouteTally::Entry const &e) {
             if (e.first != RouteTally::taken && fib.fec(Strata::Fib::FecId(id), fec))
-                take(id, fec);
+                take(id, e.count, e.first, fec);
         });
     }
 
-    // Keeps the records of a walk that are still to adopt.
+    // Completes the records of a walk from the tally, keeping those still to adopt.
     void keepNamed() {
         constexpr std::size_t ahead = 16;
         std::size_t kept = 0;
@@ -494,8 +497,12 @@ template <class T> class BulkAdoption {
             if (i + ahead < fresh_.size())
                 tally_.prefetch(fresh_[i + ahead].id);
             auto const *e = tally_.find(fresh_[i].id);
-            if (e && e->first != RouteTally::taken)
-                fresh_[kept++] = fresh_[i];
+            if (!e || e->first == RouteTally::taken)
+                continue;
+            fresh_[kept] = fresh_[i];
+            fresh_[kept].count = e->count;
+            fresh_[kept].first = e->first;
+            ++kept;
         }
         fresh_.resize(kept);
     }
@@ -577,18 +584,15 @@ template <class T> class BulkAdoption {
         filed.reserve(fresh_.size());
         constexpr std::size_t ahead = 8;
         for (std::size_t i = 0; i < fresh_.size(); ++i) {
-            if (i + ahead < fresh_.size()) {
+            if (i + ahead < fresh_.size())
                 __builtin_prefetch(&vias_[fresh_[i + ahead].vias]);
-                tally_.prefetch(fresh_[i + ahead].id);
-            }
             Fresh const &f = fresh_[i];
-            auto const &named = *tally_.find(f.id);
             Adjacency::Ptr adj = Kal::kalNew<Adjacency>();
             adj->indexIs(f.id);
-            adj->refCountIs(named.count);
+            adj->refCountIs(f.count);
             typename T::ViaSetT viaSet;
             build(viaSet, f);
-            filed.push_back(Filed{ViaSetMap::hashOf(viaSet), named.first, viaSet.kalShare(), adj});
+            filed.push_back(Filed{ViaSetMap::hashOf(viaSet), f.first, viaSet.kalShare(), adj});
             tables_.adjIndexToViaSetIs(f.id, std::move(viaSet));
             tables_.adjacencyIs(f.id, std::move(adj));
         }
