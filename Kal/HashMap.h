@@ -529,9 +529,7 @@ class HashMap {
     // The member with the key, or null with `place` set for newMemberAt (HashMapRaw::
     // findOrPlace): a lookup followed by an insertion, in one walk of the chain.
     using Place = HashMapRaw::Place;
-    Member* findOrPlace(Key const& key, Place& place) {
-        return down(raw_.findOrPlace(hashOf(key), &key, place));
-    }
+    Member* findOrPlace(Key const& key, Place& place) { return findOrPlace(key, hashOf(key), place); }
     // The same for a caller that has the key's hash (hashOf(key)) at hand.
     Member* findOrPlace(Key const& key, U32 hash, Place& place) {
         KAL_DASSERT(hash == hashOf(key));

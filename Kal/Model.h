@@ -262,24 +262,11 @@ Member* kalCollSet(Map& m, K const& key, V const& value) {
     return m.newMemberAt(kalNew<Member>(key, value), place);
 }
 
-// The write rule above, for a collection of members of class Member: an absent key gets a
-// new member made from key and value (moved in when given as rvalues; a null pointer value
-// adds nothing), filed where the lookup found its place, and notify(key) runs; a present
-// key with another value gets it (a null pointer value deletes the member) and notify(key)
-// runs; the value already held changes nothing.
-template <class Member, class Map, class K, class V, class NotifyFn>
-void kalCollIs(Map& m, K&& key, V&& value, NotifyFn&& notify) {
-    typename Map::Place place;
-    auto* mem = m.findOrPlace(key, place);
-    if (!mem) {
-        if constexpr (IsPtr<std::remove_cvref_t<V>>::value) {
-            if (!value) return;
-        }
-        Member* const added =
-            m.newMemberAt(kalNew<Member>(std::forward<K>(key), std::forward<V>(value)), place);
-        notify(added->fwkKey());
-        return;
-    }
+// The write rule for a key that has its member `mem`: another value replaces the one held
+// (a null pointer value deletes the member) and notify(key) runs; the value already held
+// changes nothing.
+template <class Map, class Member, class K, class V, class NotifyFn>
+void kalCollChange(Map& m, Member* mem, K const& key, V const& value, NotifyFn& notify) {
     if (mem->fwkValue() == value) return;
     if constexpr (IsPtr<std::remove_cvref_t<V>>::value) {
         if (!value) {
@@ -292,6 +279,25 @@ void kalCollIs(Map& m, K&& key, V&& value, NotifyFn&& notify) {
     notify(key);
 }
 
+// The write rule above, for a collection of members of class Member: an absent key gets a
+// new member made from key and value (moved in when given as rvalues; a null pointer value
+// adds nothing), filed where the lookup found its place, and notify(key) runs; a present
+// key goes by kalCollChange.
+template <class Member, class Map, class K, class V, class NotifyFn>
+void kalCollIs(Map& m, K&& key, V&& value, NotifyFn&& notify) {
+    typename Map::Place place;
+    if (auto* mem = m.findOrPlace(key, place)) {
+        kalCollChange(m, mem, key, value, notify);
+        return;
+    }
+    if constexpr (IsPtr<std::remove_cvref_t<V>>::value) {
+        if (!value) return;
+    }
+    Member* const added =
+        m.newMemberAt(kalNew<Member>(std::forward<K>(key), std::forward<V>(value)), place);
+    notify(added->fwkKey());
+}
+
 // kalCollIs for a member made beforehand (kalNew<Member>(key, value)) by a caller that has
 // its key's hash (Map::hashOf(key)) at hand: a loader that makes members while their key and
 // value are in the cache and files them later, in the table's order, without touching
@@ -301,25 +307,15 @@ template <class Map, class Member, class NotifyFn>
 void kalCollMemberIs(Map& m, Ptr<Member>&& member, U32 hash, NotifyFn&& notify) {
     KAL_ASSERT(member);
     typename Map::Place place;
-    auto* mem = m.findOrPlace(member->fwkKey(), hash, place);
-    if (!mem) {
-        if constexpr (IsPtr<std::remove_cvref_t<decltype(member->fwkValue())>>::value) {
-            if (!member->fwkValue()) return;
-        }
-        Member* const added = m.newMemberAt(std::move(member), place);
-        notify(added->fwkKey());
+    if (auto* mem = m.findOrPlace(member->fwkKey(), hash, place)) {
+        kalCollChange(m, mem, member->fwkKey(), member->fwkValue(), notify);
         return;
     }
-    if (mem->fwkValue() == member->fwkValue()) return;
     if constexpr (IsPtr<std::remove_cvref_t<decltype(member->fwkValue())>>::value) {
-        if (!member->fwkValue()) {
-            m.deleteMember(mem);
-            notify(member->fwkKey());
-            return;
-        }
+        if (!member->fwkValue()) return;
     }
-    mem->fwkValueIs(member->fwkValue());
-    notify(mem->fwkKey());
+    Member* const added = m.newMemberAt(std::move(member), place);
+    notify(added->fwkKey());
 }
 
 // Removes the member for the key; true (after which the caller notifies) when there was one.
